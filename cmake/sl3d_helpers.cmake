@@ -1,0 +1,19 @@
+# sl3d_add_sources(file...): adds a module's sources to the library objects.
+function(sl3d_add_sources)
+  foreach(src ${ARGN})
+    target_sources(sl3d_objects PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/${src})
+  endforeach()
+endfunction()
+
+# sl3d_add_test(NAME file.cpp [extra sources...]): one GoogleTest program per
+# *_test.cpp file. Unit tests link the static twin of the library so they can
+# reach internal helpers that the shared library keeps hidden.
+function(sl3d_add_test name)
+  if(NOT SL3D_BUILD_TESTS)
+    return()
+  endif()
+  add_executable(${name} ${ARGN})
+  target_link_libraries(${name} PRIVATE sl3d_static GTest::gtest GTest::gtest_main)
+  add_test(NAME ${name} COMMAND ${name})
+  set_tests_properties(${name} PROPERTIES TIMEOUT 600)
+endfunction()

@@ -1,0 +1,187 @@
+#ifndef SL3D_POINTCLOUD_POINTCLOUDGENERATOR_H_
+#define SL3D_POINTCLOUD_POINTCLOUDGENERATOR_H_
+
+// Point-cloud generators: the one interface behind which both measuring
+// methods (phase-shift structured light and semi-global block matching) sit.
+//
+// Use a generator when you hold the 8-bit grey captures of one scene and want
+// 3-D points. The calling order is fixed:
+//
+//   iPointCloudGenerator* gen = createPointCloudGenerator(0);  // 1 = SGBM
+//   gen->init(width, height);          // allocates; drops calibration
+//   gen->set_camera_params(q);         // 4x4 row-major Q (or a directory)
+//   gen->setparams(&params);           // PhaseShiftParams / SGBMParams
+//   gen->setpict(img, step, camera, index);   // every frame of the capture
+//   gen->exec();                       // disparity list
+//   int n = gen->genPC(0);             // points and range grid
+//   ... get_pointcloud_ptr(), get_rangegrid() ...
+//   gen->destroy();
+//
+// Ownership: the caller owns the generator from the factory until destroy().
+// The generator owns every buffer; the accessors lend them, and they stay
+// valid until the next init(), genPC() or destroy().
+//
+// Threads: a generator is used from one thread; distinct generators share
+// nothing. The library starts no threads of its own (OpenCV's matcher may use
+// OpenCV's thread pool; cv::setNumThreads(1) keeps it on the caller's thread).
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include <Eigen/Core>
+
+#include <sl3d/export.h>
+
+class StereoCamera;
+
+// One output point: 16 bytes, the stride of the point buffer. The generators
+// write grey colours (red = green = blue); the last byte is never written.
+struct SL3D_EXPORT PointCloudElement {
+  float x;
+  float y;
+  float z;
+  unsigned char red;
+  unsigned char green;
+  unsigned char blue;
+  unsigned char unused;
+};
+static_assert(sizeof(PointCloudElement) == 16, "PointCloudElement is 16 bytes");
+
+// The exported interface. The order of the virtual operations is part of the
+// binary interface and must not change.
+class SL3D_EXPORT iPointCloudGenerator {
+ public:
+  // Deletes the object. The only way to release a generator.
+  virtual void destroy() = 0;
+  // Allocates the point buffer, range grid and disparity list for
+  // width x height images and releases any camera parameters held before.
+  // Returns false when an allocation fails (the object stays usable).
+  virtual bool init(int width, int height) = 0;
+  // Loads the rectified stereo model from a calibration directory and takes
+  // its Q matrix. Returns true when a stereo camera was built.
+  virtual bool set_camera_params(const char* dir) = 0;
+  // Copies a 4x4 row-major reprojection matrix Q. Returns false only when the
+  // copy cannot be allocated.
+  virtual bool set_camera_params(const double* q) = 0;
+  // Copies the generator's own parameter block (PhaseShiftParams or
+  // SGBMParams); the pointer is not kept.
+  virtual void setparams(void* params) = 0;
+  // Rectifies a raw capture in place with the loaded stereo model; does
+  // nothing when no calibration directory was loaded.
+  virtual void rectify(unsigned char* img, int width, int height,
+                       unsigned long step, int camera) = 0;
+  // Hands one captured image (width x height of init, rows `step` bytes
+  // apart) to the generator; the image is copied.
+  virtual void setpict(unsigned char* img, unsigned long step, int camera,
+                       int index) = 0;
+  // Computes the disparity list from the images handed in.
+  virtual int exec() = 0;
+  // Turns the disparity list into points and range grid; returns the count.
+  // Mode 0 reprojects with Q; modes 1 and 2 use the stereo model when one
+  // was loaded from a directory and otherwise fall back to Q.
+  virtual int genPC(int mode) = 0;
+  virtual int get_pointcloud_cnt() const = 0;
+  virtual PointCloudElement* get_pointcloud_ptr() const = 0;
+  // One int per pixel, row-major: -1 where no point, else the point index.
+  virtual int* get_rangegrid() const = 0;
+
+ protected:
+  virtual ~iPointCloudGenerator() = default;
+};
+
+// Creates a generator: kind 1 gives block matching (SGBMaching), every other
+// value phase shift (PhaseShift). Returns null when memory is exhausted.
+extern "C" SL3D_EXPORT iPointCloudGenerator* createPointCloudGenerator(int kind);
+
+// Writes points, and with a non-null range grid also the grid
+// (num_cols x num_rows entries, 0xFFFFFFFF = no point), as a binary
+// little-endian PLY file.
+//
+// Returns 0 on success and also when the file cannot be opened (nothing is
+// written then); callers that need certainty check the file. With a range
+// grid but num_cols or num_rows 0 the file is left with only its first three
+// header lines and 0 is returned. A close failure returns EOF. Negative
+// counts write no vertex records.
+SL3D_EXPORT int writePLY(std::string filename, const PointCloudElement* points,
+                         int count, const unsigned int* range_grid,
+                         int num_cols, int num_rows);
+
+// The common base of both generators: owns the output buffers and turns a
+// disparity list into points. Derived generators fill the disparity list in
+// exec() and call generate_pointcloud() from genPC().
+class SL3D_EXPORT PointCloudGenerator : public iPointCloudGenerator {
+ public:
+  // 8-bit texture image, height x width, row-major: the colour source.
+  using ByteImage =
+      Eigen::Matrix<std::uint8_t, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>;
+
+  PointCloudGenerator() = default;
+  PointCloudGenerator(const PointCloudGenerator&) = delete;
+  PointCloudGenerator& operator=(const PointCloudGenerator&) = delete;
+
+  bool init(int width, int height) override;
+  bool set_camera_params(const char* dir) override;
+  bool set_camera_params(const double* q) override;
+  void rectify(unsigned char* img, int width, int height, unsigned long step,
+               int camera) override;
+  int get_pointcloud_cnt() const override { return point_count_; }
+  PointCloudElement* get_pointcloud_ptr() const override { return points_.get(); }
+  int* get_rangegrid() const override { return range_grid_.get(); }
+
+  // Read-only views for callers and tests that want the intermediate result.
+  int get_disparity_cnt() const { return disparity_count_; }
+  // Records of four doubles: column, row, disparity, 1.0.
+  const double* get_disparity_ptr() const { return disparities_.get(); }
+  const double* get_q_matrix() const { return q_.get(); }
+  int width() const { return width_; }
+  int height() const { return height_; }
+
+  // When non-zero, the dispatcher and directory loading print their
+  // fallback messages to standard output. The factory sets it to 1.
+  int verbose = 0;
+
+ protected:
+  ~PointCloudGenerator() override;
+
+  // Chooses the triangulation route for `mode` and returns the point count.
+  // Without a stereo model only the Q route exists; without Q it yields 0.
+  int generate_pointcloud(int mode, const ByteImage& texture);
+
+  // Q route: each record (x, y, d, 1) becomes Q * (x, y, d, 1)^T / W. Records
+  // whose W is exactly 0 give no point. Resets the range grid to -1 first.
+  int generate_pointcloud_Q(const ByteImage& texture);
+
+  // Appends one disparity record; the caller guarantees room (the list holds
+  // width*height records).
+  void append_disparity(double x, double y, double d) {
+    double* rec = disparities_.get() + 4 * static_cast<std::size_t>(disparity_count_);
+    rec[0] = x;
+    rec[1] = y;
+    rec[2] = d;
+    rec[3] = 1.0;
+    ++disparity_count_;
+  }
+  void clear_disparities() { disparity_count_ = 0; }
+
+  int pixel_count() const { return pixel_count_; }
+
+ private:
+  // Releases stereo camera, Q, disparity list, range grid and points.
+  void dispose();
+
+  int point_count_ = 0;
+  std::unique_ptr<PointCloudElement[]> points_;
+  std::unique_ptr<int[]> range_grid_;
+  int disparity_count_ = 0;
+  std::unique_ptr<double[]> disparities_;
+  std::unique_ptr<double[]> q_;
+  // Rectified stereo model loaded from a calibration directory; stays null
+  // until directory loading exists.
+  StereoCamera* stereo_camera_ = nullptr;
+  int width_ = 0;
+  int height_ = 0;
+  int pixel_count_ = 0;
+};
+
+#endif  // SL3D_POINTCLOUD_POINTCLOUDGENERATOR_H_

@@ -1,0 +1,258 @@
+#include <sl3d/sim/virtual_sensor.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+#include <opencv2/imgproc.hpp>
+
+namespace sl3d {
+
+namespace {
+
+constexpr int kPeriods = 128;
+constexpr int kUsableCentrePeriod = 61;  // middle of the usable periods 25..96
+constexpr double kReferenceDepthMm = 1100.0;
+constexpr int kFrames = 13;
+constexpr double kPi = 3.14159265358979323846;
+
+double hash_to_unit(int x, int y, int z) {
+  std::uint32_t h = static_cast<std::uint32_t>(x) * 73856093u ^
+                    static_cast<std::uint32_t>(y) * 19349663u ^
+                    static_cast<std::uint32_t>(z) * 83492791u;
+  h ^= h >> 13;
+  h *= 0x5bd1e995u;
+  h ^= h >> 15;
+  return (h & 0xFFFFFF) / double(0xFFFFFF) * 2.0 - 1.0;
+}
+
+double smooth(double t) { return t * t * (3.0 - 2.0 * t); }
+
+// Value noise in [-1, 1]: random values on an integer lattice, smoothly
+// interpolated.
+double value_noise(const cv::Vec3d& p) {
+  const int ix = int(std::floor(p[0])), iy = int(std::floor(p[1])), iz = int(std::floor(p[2]));
+  const double fx = smooth(p[0] - ix), fy = smooth(p[1] - iy), fz = smooth(p[2] - iz);
+  double acc = 0.0;
+  for (int dz = 0; dz <= 1; ++dz)
+    for (int dy = 0; dy <= 1; ++dy)
+      for (int dx = 0; dx <= 1; ++dx) {
+        const double w = (dx ? fx : 1 - fx) * (dy ? fy : 1 - fy) * (dz ? fz : 1 - fz);
+        acc += w * hash_to_unit(ix + dx, iy + dy, iz + dz);
+      }
+  return acc;
+}
+
+int gray_code(int n) { return n ^ (n >> 1); }
+
+// Pattern value in [0, 1] of setpict frame `frame` at projector column u.
+double pattern(int frame, double u, int period_px, double fringe_contrast) {
+  if (frame == 0) return 0.0;
+  if (frame == 1) return 1.0;
+  const double periods = u / period_px;
+  const int period = int(std::floor(periods));
+  if (frame <= 8) {
+    const int bit = 6 - (frame - 2);
+    return (gray_code(period) >> bit) & 1 ? 1.0 : 0.0;
+  }
+  // Wrapped phase psi rises from -pi to pi across a period, so that
+  // atan2(I3 - I1, I2 - I0) = psi.
+  const double psi = 2.0 * kPi * (periods - period) - kPi;
+  const double m = 0.5 * fringe_contrast;
+  switch (frame) {
+    case 9: return 0.5 - m * std::cos(psi);
+    case 10: return 0.5 - m * std::sin(psi);
+    case 11: return 0.5 + m * std::cos(psi);
+    default: return 0.5 + m * std::sin(psi);
+  }
+}
+
+// Blur, sensor noise and quantisation of one rendered frame.
+cv::Mat finish_frame(const cv::Mat& radiance, const SimLight& light, std::uint64_t seed) {
+  cv::Mat img = radiance;
+  if (light.blur_sigma_px > 0.0) {
+    cv::GaussianBlur(radiance, img, cv::Size(0, 0), light.blur_sigma_px);
+  }
+  if (light.noise_sigma > 0.0) {
+    cv::Mat noise(img.size(), CV_32F);
+    cv::RNG rng(seed);
+    rng.fill(noise, cv::RNG::NORMAL, 0.0, light.noise_sigma);
+    img = img + noise;
+  }
+  cv::Mat out;
+  img.convertTo(out, CV_8U);  // rounds and saturates to 0..255
+  return out;
+}
+
+}  // namespace
+
+struct VirtualSensor::Hit {
+  double t = std::numeric_limits<double>::infinity();
+  cv::Vec3d point;
+  cv::Vec3d normal;
+};
+
+SimScene SimScene::default_scene() {
+  SimScene scene;
+  scene.planes.push_back({cv::Vec3d(0, 0, 1100), cv::Vec3d(0.15, -0.10, -1.0)});
+  scene.spheres.push_back({cv::Vec3d(-60, 20, 900), 180.0});
+  return scene;
+}
+
+VirtualSensor::VirtualSensor(const SimRig& rig, const SimScene& scene)
+    : rig_(rig), scene_(scene) {
+  projector_center_ = cv::Vec3d(rig.baseline_mm / 2.0, 0.0, 0.0);
+  // About one period per 20 camera columns, at most 64 periods across the
+  // view, so that the periods camera 0 sees stay inside 25..96.
+  const double periods_in_view = std::clamp(rig.width / 20.0, 16.0, 64.0);
+  projector_focal_px_ = periods_in_view * rig.projector_period_px * rig.focal_px / rig.width;
+  // Camera 0's optical axis meets period 61 at the reference depth.
+  projector_cx_ = kUsableCentrePeriod * rig.projector_period_px +
+                  projector_focal_px_ * projector_center_[0] / kReferenceDepthMm;
+}
+
+bool VirtualSensor::cast(const cv::Vec3d& origin, const cv::Vec3d& dir, Hit& hit) const {
+  hit.t = std::numeric_limits<double>::infinity();
+  for (const SimPlane& plane : scene_.planes) {
+    const double denom = plane.normal.dot(dir);
+    if (std::fabs(denom) < 1e-12) continue;
+    const double t = plane.normal.dot(plane.point - origin) / denom;
+    if (t > 1e-9 && t < hit.t) {
+      hit.t = t;
+      hit.point = origin + t * dir;
+      hit.normal = cv::normalize(plane.normal);
+    }
+  }
+  for (const SimSphere& sphere : scene_.spheres) {
+    const cv::Vec3d oc = origin - sphere.center;
+    const double a = dir.dot(dir);
+    const double b = oc.dot(dir);
+    const double c = oc.dot(oc) - sphere.radius * sphere.radius;
+    const double disc = b * b - a * c;
+    if (disc < 0.0) continue;
+    const double root = std::sqrt(disc);
+    double t = (-b - root) / a;
+    if (t <= 1e-9) t = (-b + root) / a;
+    if (t > 1e-9 && t < hit.t) {
+      hit.t = t;
+      hit.point = origin + t * dir;
+      hit.normal = cv::normalize(hit.point - sphere.center);
+    }
+  }
+  return std::isfinite(hit.t);
+}
+
+double VirtualSensor::projector_column(const cv::Vec3d& point) const {
+  return projector_focal_px_ * (point[0] - projector_center_[0]) / point[2] + projector_cx_;
+}
+
+int VirtualSensor::period_index_at(const cv::Vec3d& point) const {
+  return int(std::floor(projector_column(point) / rig_.projector_period_px));
+}
+
+double VirtualSensor::absolute_phase_at(const cv::Vec3d& point) const {
+  return 2.0 * kPi * projector_column(point) / rig_.projector_period_px - kPi;
+}
+
+bool VirtualSensor::lit_by_projector(const cv::Vec3d& point) const {
+  const double u = projector_column(point);
+  if (point[2] <= 0.0 || u < 0.0 || u >= kPeriods * rig_.projector_period_px) return false;
+  const cv::Vec3d to_projector = projector_center_ - point;
+  const double distance = cv::norm(to_projector);
+  Hit blocker;
+  const cv::Vec3d dir = to_projector / distance;
+  return !(cast(point + 1e-6 * dir, dir, blocker) && blocker.t < distance - 1e-6);
+}
+
+double VirtualSensor::albedo(const cv::Vec3d& point) const {
+  const cv::Vec3d p = point / scene_.texture_cell_mm;
+  const double n = 0.65 * value_noise(p) + 0.35 * value_noise(2.3 * p + cv::Vec3d(17, 5, 9));
+  return 1.0 - scene_.texture_strength * 0.5 * (1.0 + std::clamp(n, -1.0, 1.0));
+}
+
+std::vector<cv::Mat> VirtualSensor::render_phase_shift(int camera,
+                                                       const SimLight& light) const {
+  const cv::Vec3d origin(camera == 1 ? rig_.baseline_mm : 0.0, 0.0, 0.0);
+  std::vector<cv::Mat> radiance(kFrames);
+  for (cv::Mat& r : radiance) r = cv::Mat::zeros(rig_.height, rig_.width, CV_32F);
+  const int n = std::max(1, light.supersampling);
+  const double weight = 1.0 / (n * n);
+  for (int v = 0; v < rig_.height; ++v) {
+    for (int u = 0; u < rig_.width; ++u) {
+      double acc[kFrames] = {};
+      for (int sy = 0; sy < n; ++sy) {
+        for (int sx = 0; sx < n; ++sx) {
+          const double px = u + (sx + 0.5) / n - 0.5;
+          const double py = v + (sy + 0.5) / n - 0.5;
+          const cv::Vec3d dir((px - rig_.cx()) / rig_.focal_px, (py - rig_.cy()) / rig_.focal_px, 1.0);
+          Hit hit;
+          if (!cast(origin, dir, hit)) continue;
+          const double a = albedo(hit.point);
+          const double base = a * light.ambient;
+          double lit = 0.0;
+          if (lit_by_projector(hit.point)) {
+            const cv::Vec3d to_projector = cv::normalize(projector_center_ - hit.point);
+            lit = a * light.projector_gain * std::max(0.0, hit.normal.dot(to_projector));
+          }
+          const double u_projector = projector_column(hit.point);
+          for (int f = 0; f < kFrames; ++f) {
+            const double p = lit > 0.0 ? pattern(f, u_projector, rig_.projector_period_px,
+                                                 light.fringe_contrast)
+                                       : 0.0;
+            acc[f] += weight * (base + lit * p);
+          }
+        }
+      }
+      for (int f = 0; f < kFrames; ++f) radiance[f].at<float>(v, u) = float(acc[f]);
+    }
+  }
+  std::vector<cv::Mat> frames(kFrames);
+  for (int f = 0; f < kFrames; ++f) {
+    frames[f] = finish_frame(radiance[f], light, light.seed * 1000003ull + camera * 100 + f);
+  }
+  return frames;
+}
+
+cv::Mat VirtualSensor::render_textured(int camera, const SimLight& light) const {
+  const cv::Vec3d origin(camera == 1 ? rig_.baseline_mm : 0.0, 0.0, 0.0);
+  cv::Mat radiance = cv::Mat::zeros(rig_.height, rig_.width, CV_32F);
+  const int n = std::max(1, light.supersampling);
+  for (int v = 0; v < rig_.height; ++v) {
+    for (int u = 0; u < rig_.width; ++u) {
+      double acc = 0.0;
+      for (int sy = 0; sy < n; ++sy) {
+        for (int sx = 0; sx < n; ++sx) {
+          const double px = u + (sx + 0.5) / n - 0.5;
+          const double py = v + (sy + 0.5) / n - 0.5;
+          const cv::Vec3d dir((px - rig_.cx()) / rig_.focal_px, (py - rig_.cy()) / rig_.focal_px, 1.0);
+          Hit hit;
+          if (!cast(origin, dir, hit)) continue;
+          // Diffuse light from everywhere: only the albedo shows.
+          acc += albedo(hit.point) * (light.ambient + light.projector_gain);
+        }
+      }
+      radiance.at<float>(v, u) = float(acc / (n * n));
+    }
+  }
+  return finish_frame(radiance, light, light.seed * 1000003ull + 7000 + camera);
+}
+
+SimGroundTruth VirtualSensor::ground_truth() const {
+  SimGroundTruth truth;
+  truth.depth = cv::Mat(rig_.height, rig_.width, CV_64F);
+  for (int v = 0; v < rig_.height; ++v) {
+    for (int u = 0; u < rig_.width; ++u) {
+      const cv::Vec3d dir((u - rig_.cx()) / rig_.focal_px, (v - rig_.cy()) / rig_.focal_px, 1.0);
+      Hit hit;
+      truth.depth.at<double>(v, u) =
+          cast(cv::Vec3d(0, 0, 0), dir, hit) ? hit.point[2] : std::numeric_limits<double>::quiet_NaN();
+    }
+  }
+  truth.q = {1.0, 0.0, 0.0, -rig_.cx(),
+             0.0, 1.0, 0.0, -rig_.cy(),
+             0.0, 0.0, 0.0, rig_.focal_px,
+             0.0, 0.0, 1.0 / rig_.baseline_mm, 0.0};
+  return truth;
+}
+
+}  // namespace sl3d

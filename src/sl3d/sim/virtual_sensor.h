@@ -1,0 +1,125 @@
+#ifndef SL3D_SIM_VIRTUAL_SENSOR_H_
+#define SL3D_SIM_VIRTUAL_SENSOR_H_
+
+// The virtual sensor: a small ray-casting renderer of a projector and two
+// rectified pinhole cameras looking at a scene of simple surfaces whose true
+// geometry is known.
+//
+// Use it to test a measuring pipeline without hardware: it renders the 13
+// phase-shift frames per camera that PhaseShift expects, a uniformly lit
+// textured stereo pair for SGBMaching, the pair's Q matrix and the true depth
+// of every pixel of camera 0.
+//
+// Frames: the world frame is camera 0's: x to the right, y down, z forward
+// (millimetres). Camera 1 sits at (baseline, 0, 0) with the same orientation,
+// so the pair is rectified and the disparity of a point at depth Z is
+// focal * baseline / Z. The projector sits halfway between the cameras; its
+// columns carry 128 stripe periods, of which the ones camera 0 sees fall
+// inside the usable range 25..96 for depths of about 600..2000 mm.
+
+#include <array>
+#include <cstdint>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+#include <sl3d/export.h>
+
+namespace sl3d {
+
+struct SL3D_EXPORT SimPlane {
+  cv::Vec3d point;   // any point of the plane
+  cv::Vec3d normal;  // need not be unit length
+};
+
+struct SL3D_EXPORT SimSphere {
+  cv::Vec3d center;
+  double radius = 0.0;
+};
+
+// Surfaces with a procedural albedo: a smooth random texture tied to the 3-D
+// surface point, so both cameras see the same texture.
+struct SL3D_EXPORT SimScene {
+  std::vector<SimPlane> planes;
+  std::vector<SimSphere> spheres;
+  double texture_cell_mm = 3.0;   // feature size of the albedo texture
+  double texture_strength = 0.6;  // 0 = uniform albedo, 1 = full range
+
+  // A tilted back wall at about 1100 mm and a sphere of radius 180 mm
+  // in front of it, filling most of camera 0's view.
+  static SimScene default_scene();
+};
+
+struct SL3D_EXPORT SimRig {
+  int width = 1280;
+  int height = 1024;
+  double focal_px = 1400.0;     // both cameras, square pixels
+  double baseline_mm = 100.0;   // camera 1 at +x
+  int projector_period_px = 16; // projector pixels per stripe period
+
+  // Principal point of both cameras (image centre).
+  double cx() const { return (width - 1) / 2.0; }
+  double cy() const { return (height - 1) / 2.0; }
+};
+
+// Light and sensor model of one capture. Grey value =
+//   ambient + albedo * shading * (projector_gain * pattern) + noise,
+// with `pattern` in [0, 1], then optional Gaussian blur, clipped to 0..255.
+struct SL3D_EXPORT SimLight {
+  double ambient = 20.0;
+  double projector_gain = 200.0;  // grey levels of a fully lit white surface
+  double fringe_contrast = 1.0;   // modulation depth of the fringes, 0..1
+  double blur_sigma_px = 0.0;     // 0 = no blur
+  double noise_sigma = 1.0;       // grey levels
+  std::uint32_t seed = 1;
+  int supersampling = 2;          // n x n samples per pixel
+};
+
+// What rendering yields for one camera pixel grid.
+struct SL3D_EXPORT SimGroundTruth {
+  cv::Mat depth;  // CV_64F, camera 0's z per pixel centre; NaN where no surface
+  // Row-major 4x4 Q: (column, row, disparity, 1) -> homogeneous point in
+  // camera 0's frame.
+  std::array<double, 16> q{};
+};
+
+class SL3D_EXPORT VirtualSensor {
+ public:
+  VirtualSensor(const SimRig& rig = SimRig(), const SimScene& scene = SimScene::default_scene());
+
+  const SimRig& rig() const { return rig_; }
+  const SimScene& scene() const { return scene_; }
+
+  // The 13 frames of `camera` (0 or 1) in setpict index order: black, white,
+  // seven Gray-code frames (most significant bit first), four fringes.
+  // Each is CV_8UC1, height x width.
+  std::vector<cv::Mat> render_phase_shift(int camera, const SimLight& light = SimLight()) const;
+
+  // One uniformly lit image of `camera` showing the scene's texture.
+  cv::Mat render_textured(int camera, const SimLight& light = SimLight()) const;
+
+  // True depth of camera 0 and the pair's Q matrix.
+  SimGroundTruth ground_truth() const;
+
+  // Projector period index (0..127) and absolute phase seen at a 3-D point,
+  // as the decoder should recover them (exposed for tests).
+  int period_index_at(const cv::Vec3d& point) const;
+  double absolute_phase_at(const cv::Vec3d& point) const;
+
+ private:
+  struct Hit;
+  bool cast(const cv::Vec3d& origin, const cv::Vec3d& dir, Hit& hit) const;
+  double projector_column(const cv::Vec3d& point) const;
+  bool lit_by_projector(const cv::Vec3d& point) const;
+  double albedo(const cv::Vec3d& point) const;
+
+  SimRig rig_;
+  SimScene scene_;
+  cv::Vec3d projector_center_;
+  double projector_focal_px_ = 0.0;
+  double projector_cx_ = 0.0;
+};
+
+}  // namespace sl3d
+
+#endif  // SL3D_SIM_VIRTUAL_SENSOR_H_
