@@ -1,2 +1,247 @@
+// Decoding behaviours of the phase-shift generator that a plausible but
+// wrong implementation would get wrong: 8-bit arithmetic, Gray-code order,
+// block consistency, the asymmetric unwrap and the sub-pixel fits.
+
 #include <gtest/gtest.h>
-TEST(Placeholder, Builds) {}
+
+#include <cmath>
+#include <vector>
+
+#include <sl3d/psft/psft.h>
+
+namespace {
+
+constexpr double kTwoPi = 6.283185307179586;
+
+// A generator of w x h whose frames are filled per pixel by the caller.
+class Frames {
+ public:
+  Frames(int w, int h) : w_(w), h_(h), frames_(13, std::vector<unsigned char>(w * h, 0)) {
+    gen_ = static_cast<PhaseShift*>(createPointCloudGenerator(0));
+    EXPECT_TRUE(gen_->init(w, h));
+  }
+  ~Frames() { gen_->destroy(); }
+
+  unsigned char& at(int frame, int x, int y) { return frames_[frame][y * w_ + x]; }
+  // Sets black, white and the Gray-code frames of pixel (x, y) for period c.
+  void set_period(int x, int y, int c, unsigned char black = 10, unsigned char white = 210) {
+    at(0, x, y) = black;
+    at(1, x, y) = white;
+    const int gray = c ^ (c >> 1);
+    for (int k = 0; k < 7; ++k) at(2 + k, x, y) = (gray >> (6 - k)) & 1 ? white : black;
+  }
+  PhaseShift& hand_in(int camera = 0) {
+    for (int i = 0; i < 13; ++i) gen_->setpict(frames_[i].data(), w_, camera, i);
+    return *gen_;
+  }
+
+ private:
+  int w_, h_;
+  std::vector<std::vector<unsigned char>> frames_;
+  PhaseShift* gen_;
+};
+
+TEST(PhaseShiftParams, FitWidthOtherThanThreeOrFiveBecomesThree) {
+  auto* gen = static_cast<PhaseShift*>(createPointCloudGenerator(0));
+  PhaseShiftParams p;
+  for (int requested : {3, 4, 5, 0, 7}) {
+    p.fit_width = requested;
+    gen->setparams(&p);
+    EXPECT_EQ(gen->params().fit_width, requested == 5 ? 5 : 3) << requested;
+  }
+  gen->destroy();
+}
+
+TEST(PhaseShiftIntake, PaddedRowsAreSkipped) {
+  auto* gen = static_cast<PhaseShift*>(createPointCloudGenerator(0));
+  ASSERT_TRUE(gen->init(3, 2));
+  // Rows of 3 pixels stored 5 bytes apart; the padding must not leak in.
+  unsigned char img[10] = {1, 2, 3, 99, 99, 4, 5, 6, 99, 99};
+  gen->setpict(img, 5, 1, 1);
+  PhaseShift::ByteImage expected(2, 3);
+  expected << 1, 2, 3, 4, 5, 6;
+  EXPECT_TRUE(gen->white_image(1) == expected);
+  gen->destroy();
+}
+
+TEST(GrayCode, DecodesEveryPeriodAndTheDocumentedCornerCases) {
+  Frames f(128, 1);
+  for (int c = 0; c < 128; ++c) f.set_period(c, 0, c);
+  PhaseShift& gen = f.hand_in();
+  gen.mk_code7(0);
+  for (int c = 0; c < 128; ++c) EXPECT_EQ(gen.code_map(0)(0, c), c);
+  // Gray 1000000 is period 127, Gray 0100000 is period 63.
+  EXPECT_EQ(gray2binary[64], 127);
+  EXPECT_EQ(gray2binary[32], 63);
+  EXPECT_EQ(gray2binary[0], 0);
+}
+
+TEST(GrayCode, ThresholdWrapsInEightBitsAndDarkGrayBitsAreOff) {
+  Frames f(8, 8);
+  for (int y = 0; y < 8; ++y)
+    for (int x = 0; x < 8; ++x) f.set_period(x, y, 50);
+  // Black brighter than white by 2: (white - black) wraps to 254, so the
+  // threshold is 127, and the pixel is rejected for its contrast.
+  f.at(0, 3, 3) = 100;
+  f.at(1, 3, 3) = 98;
+  // A Gray-code value below black is stored as 0 and never sets its bit.
+  f.set_period(5, 5, 50, 200, 250);
+  for (int k = 0; k < 7; ++k) f.at(2 + k, 5, 5) = 150;
+  PhaseShift& gen = f.hand_in();
+  gen.mk_code7(0);
+  EXPECT_EQ(gen.threshold_image()(3, 3), 127);
+  EXPECT_EQ(gen.code_map(0)(5, 5), 0);
+  gen.check_code7(0);
+  EXPECT_EQ(gen.status_map(0)(3, 3), 201);
+}
+
+TEST(GrayCode, BlocksRejectPixelsFarFromTheirBlockMean) {
+  Frames f(16, 8);
+  for (int y = 0; y < 8; ++y)
+    for (int x = 0; x < 16; ++x) f.set_period(x, y, x < 8 ? 50 : 90);
+  f.set_period(2, 2, 57);  // 7 above its block's mean of about 50
+  f.set_period(3, 3, 53);  // 3 above: kept
+  f.set_period(4, 4, 60, 10, 15);  // too little contrast: 201 and code 0
+  f.set_period(9, 1, 100);  // outside 25..96 and far from the mean
+  PhaseShift& gen = f.hand_in();
+  gen.mk_code7(0);
+  gen.check_code7(0);
+  const auto& s = gen.status_map(0);
+  EXPECT_EQ(s(2, 2), 201);
+  EXPECT_EQ(s(3, 3), 0);
+  EXPECT_EQ(s(0, 0), 0);
+  EXPECT_EQ(s(4, 4), 201);
+  EXPECT_EQ(gen.code_map(0)(4, 4), 0);
+  // The block step zeroes its code and then, with the block mean near 90,
+  // marks it 201 over the range code 202.
+  EXPECT_EQ(gen.code_map(0)(1, 9), 0);
+  EXPECT_EQ(s(1, 9), 201);
+  EXPECT_EQ(s(0, 8), 0);
+}
+
+TEST(GrayCode, PartialBlocksAtTheEdgesAreClipped) {
+  Frames f(12, 10);
+  for (int y = 0; y < 10; ++y)
+    for (int x = 0; x < 12; ++x) f.set_period(x, y, 40);
+  f.set_period(11, 9, 48);
+  PhaseShift& gen = f.hand_in();
+  gen.mk_code7(0);
+  gen.check_code7(0);
+  EXPECT_EQ(gen.status_map(0)(9, 11), 201);
+  EXPECT_EQ(gen.status_map(0)(9, 10), 0);
+}
+
+TEST(Phase, WrappedPhaseIsAtan2OfTheFringeDifferences) {
+  Frames f(4, 1);
+  const int fringes[4][4] = {{100, 100, 100, 100},   // flat: atan2(0, 0) = 0
+                             {100, 50, 100, 150},    // +pi/2
+                             {150, 100, 50, 100},    // pi
+                             {100, 120, 200, 100}};  // atan2(-20, 100)
+  for (int x = 0; x < 4; ++x)
+    for (int k = 0; k < 4; ++k) f.at(9 + k, x, 0) = static_cast<unsigned char>(fringes[x][k]);
+  PhaseShift& gen = f.hand_in();
+  gen.mk_code7(0);
+  gen.check_code7(0);
+  const unsigned char status_before = gen.status_map(0)(0, 0);
+  gen.mk_phase(0);
+  const auto& p = gen.phase_map(0);
+  EXPECT_EQ(p(0, 0), 0.0);
+  EXPECT_EQ(gen.status_map(0)(0, 0), status_before);
+  EXPECT_DOUBLE_EQ(p(0, 1), M_PI / 2);
+  EXPECT_DOUBLE_EQ(p(0, 2), M_PI);
+  EXPECT_DOUBLE_EQ(p(0, 3), std::atan2(-20.0, 100.0));
+}
+
+// One row whose code and wrapped phase are given directly; returns the
+// codes after unwrapping and the absolute phases.
+struct UnwrapRow {
+  std::vector<int> code;
+  std::vector<double> phase;
+};
+
+UnwrapRow unwrap_row(const std::vector<int>& code, const std::vector<double>& wrapped) {
+  const int w = static_cast<int>(code.size());
+  Frames f(w, 1);
+  for (int x = 0; x < w; ++x) {
+    f.set_period(x, 0, code[x]);
+    // Fringes that produce the wanted wrapped phase with a strong, clean
+    // modulation (so no edge is marked inconsistent).
+    const double psi = wrapped[x];
+    f.at(9, x, 0) = static_cast<unsigned char>(std::lround(128 - 100 * std::cos(psi)));
+    f.at(10, x, 0) = static_cast<unsigned char>(std::lround(128 - 100 * std::sin(psi)));
+    f.at(11, x, 0) = static_cast<unsigned char>(std::lround(128 + 100 * std::cos(psi)));
+    f.at(12, x, 0) = static_cast<unsigned char>(std::lround(128 + 100 * std::sin(psi)));
+  }
+  PhaseShift& gen = f.hand_in();
+  gen.mk_code7(0);
+  gen.check_code7(0);
+  gen.mk_phase(0);
+  gen.unwrap(0);
+  UnwrapRow out;
+  for (int x = 0; x < w; ++x) {
+    out.code.push_back(gen.code_map(0)(0, x));
+    out.phase.push_back(gen.phase_map(0)(0, x));
+  }
+  return out;
+}
+
+TEST(Unwrap, CorrectsCodesThatRoseEarlyOrLate) {
+  // Period 40 -> 41; the phase wraps between columns 5 and 6.
+  const std::vector<double> wrapped = {1.5, 2.0, 2.5, 2.8, 3.0, 3.1, -3.0, -2.7, -2.3, -2.0};
+  // Code rises one column early (at 5, phase still near +pi).
+  const UnwrapRow early = unwrap_row({40, 40, 40, 40, 40, 41, 41, 41, 41, 41}, wrapped);
+  EXPECT_EQ(early.code, (std::vector<int>{40, 40, 40, 40, 40, 40, 41, 41, 41, 41}));
+  // Code rises two columns late (at 8, phase already near -pi at 6 and 7).
+  const UnwrapRow late = unwrap_row({40, 40, 40, 40, 40, 40, 40, 40, 41, 41}, wrapped);
+  EXPECT_EQ(late.code, (std::vector<int>{40, 40, 40, 40, 40, 40, 41, 41, 41, 41}));
+  // Either way the absolute phase now rises steadily.
+  for (const UnwrapRow* row : {&early, &late}) {
+    for (std::size_t x = 1; x < row->phase.size(); ++x) {
+      EXPECT_GT(row->phase[x], row->phase[x - 1]) << x;
+      EXPECT_LT(row->phase[x] - row->phase[x - 1], 1.0) << x;
+    }
+  }
+}
+
+TEST(Unwrap, NarrowImagesOnlyAddTheCode) {
+  const UnwrapRow row = unwrap_row({40, 41, 41, 41}, {3.0, 3.0, 3.0, 3.0});
+  EXPECT_EQ(row.code, (std::vector<int>{40, 41, 41, 41}));
+  EXPECT_NEAR(row.phase[1] - row.phase[0], kTwoPi, 0.05);
+}
+
+TEST(SubPixelFit, ThreeSamplesFollowTheLine) {
+  double p[] = {0.0, 1.0, 2.0, 3.0, 4.0};
+  unsigned char s[] = {0, 0, 0, 0, 0};
+  double out = 0.0;
+  // Target 2.25 lies a quarter pixel right of column 2.
+  ASSERT_TRUE(set_disparity_least_mean_3(out, p, s, 2, 10.0, 2.25));
+  EXPECT_DOUBLE_EQ(out, 10.0 - 2.25);
+  // A rejected neighbour gives the integer match; usage counts do not.
+  s[3] = 200;
+  ASSERT_TRUE(set_disparity_least_mean_3(out, p, s, 2, 10.0, 2.25));
+  EXPECT_EQ(out, 8.0);
+  s[3] = 199;
+  ASSERT_TRUE(set_disparity_least_mean_3(out, p, s, 2, 10.0, 2.25));
+  EXPECT_DOUBLE_EQ(out, 7.75);
+  // A flat neighbourhood has no slope: the fit fails and `out` is kept.
+  double flat[] = {1.0, 1.0, 1.0};
+  unsigned char ok[] = {0, 0, 0};
+  out = -1.0;
+  EXPECT_FALSE(set_disparity_least_mean_3(out, flat, ok, 1, 10.0, 1.0));
+  EXPECT_EQ(out, -1.0);
+}
+
+TEST(SubPixelFit, FiveSamplesCorrectByAFifthOfTheLine) {
+  double p[] = {0.0, 1.0, 2.0, 3.0, 4.0, 5.0, 6.0};
+  unsigned char s[7] = {};
+  double out = 0.0;
+  // The line reaches 3.5 half a pixel right of column 3; the fit's slope is
+  // five times the line's, so the correction is 0.1 px.
+  ASSERT_TRUE(set_disparity_least_mean_5(out, p, s, 3, 10.0, 3.5));
+  EXPECT_DOUBLE_EQ(out, 10.0 - 3.1);
+  s[1] = 201;  // the outer neighbour counts too
+  ASSERT_TRUE(set_disparity_least_mean_5(out, p, s, 3, 10.0, 3.5));
+  EXPECT_EQ(out, 7.0);
+}
+
+}  // namespace
