@@ -91,25 +91,25 @@ int PointCloudGenerator::generate_pointcloud(int mode, const ByteImage& texture)
 }
 
 int PointCloudGenerator::generate_pointcloud_Q(const ByteImage& texture) {
-  using Records = Eigen::Matrix<double, 4, Eigen::Dynamic>;
   using RowMajor4 = Eigen::Matrix<double, 4, 4, Eigen::RowMajor>;
   const int n = disparity_count_;
-  const Eigen::Map<const Records> records(disparities_.get(), 4, n);
+  const Eigen::Map<const Eigen::Matrix<double, 4, Eigen::Dynamic>> records(disparities_.get(), 4, n);
   const RowMajor4 q = Eigen::Map<const RowMajor4>(q_.get());
-  // R = Q * M for the whole list at once.
-  const Records reprojected = q * records;
 
   std::memset(range_grid_.get(), 0xFF, sizeof(int) * static_cast<std::size_t>(pixel_count_));
   point_count_ = 0;
   const std::uint8_t* tex = texture.data();
+  // Q times the 4 x N record matrix, one column at a time as the points are
+  // emitted: no 4 x N temporary, which at full size would be as large as the
+  // disparity list itself.
   for (int j = 0; j < n; ++j) {
-    const double w = reprojected(3, j);
-    if (w == 0.0) continue;
-    const double inv = 1.0 / w;
+    const Eigen::Vector4d r = q * records.col(j);
+    if (r(3) == 0.0) continue;
+    const double inv = 1.0 / r(3);
     PointCloudElement& p = points_[point_count_];
-    p.x = static_cast<float>(inv * reprojected(0, j));
-    p.y = static_cast<float>(inv * reprojected(1, j));
-    p.z = static_cast<float>(inv * reprojected(2, j));
+    p.x = static_cast<float>(inv * r(0));
+    p.y = static_cast<float>(inv * r(1));
+    p.z = static_cast<float>(inv * r(2));
     const long pixel = static_cast<long>(records(1, j)) * width_ + static_cast<long>(records(0, j));
     p.red = p.green = p.blue = tex[pixel];
     range_grid_[pixel] = point_count_;

@@ -26,9 +26,16 @@ void PhaseRowMatcher::reset(const double* phase, const std::uint8_t* status, int
     if (usable(c)) min_[leaves_ + c] = max_[leaves_ + c] = phase[c];
   }
   for (int node = leaves_ - 1; node >= 1; --node) {
-    min_[node] = std::fmin(min_[2 * node], min_[2 * node + 1]);
-    max_[node] = std::fmax(max_[2 * node], max_[2 * node + 1]);
+    pull_up(node);
   }
+}
+
+// Phases are finite, so plain comparisons replace the NaN-aware fmin/fmax.
+void PhaseRowMatcher::pull_up(int node) {
+  const double lmin = min_[2 * node], rmin = min_[2 * node + 1];
+  const double lmax = max_[2 * node], rmax = max_[2 * node + 1];
+  min_[node] = lmin < rmin ? lmin : rmin;
+  max_[node] = lmax > rmax ? lmax : rmax;
 }
 
 void PhaseRowMatcher::refresh(int column) {
@@ -40,8 +47,7 @@ void PhaseRowMatcher::refresh(int column) {
     max_[node] = -kInf;
   }
   for (node /= 2; node >= 1; node /= 2) {
-    min_[node] = std::fmin(min_[2 * node], min_[2 * node + 1]);
-    max_[node] = std::fmax(max_[2 * node], max_[2 * node + 1]);
+    pull_up(node);
   }
 }
 
@@ -61,17 +67,16 @@ int PhaseRowMatcher::find(double target, int lo, int hi, int hint) const {
     const double diff = std::fabs(phase_[hint] - target);
     if (diff < best.diff) best = {diff, hint};
   }
-  search(1, 0, leaves_, target, lo, hi, best);
+  search(1, 0, leaves_, lower_bound(1, target), target, lo, hi, best);
   return best.column;
 }
 
-// Depth-first, nearer child first. A candidate beats the best so far when
-// its difference is smaller, or equal with a smaller column: the order in
-// which the scan would have met them.
-void PhaseRowMatcher::search(int node, int node_lo, int node_hi, double target, int lo,
-                             int hi, Best& best) const {
+// Depth-first, nearer child first; `bound` is lower_bound(node). A candidate
+// beats the best so far when its difference is smaller, or equal with a
+// smaller column: the order in which the scan would have met them.
+void PhaseRowMatcher::search(int node, int node_lo, int node_hi, double bound, double target,
+                             int lo, int hi, Best& best) const {
   if (node_hi <= lo || node_lo >= hi) return;
-  const double bound = lower_bound(node, target);
   if (bound > best.diff || (bound == best.diff && node_lo >= best.column)) return;
   if (node >= leaves_) {
     const int column = node_lo;
@@ -82,12 +87,14 @@ void PhaseRowMatcher::search(int node, int node_lo, int node_hi, double target, 
   const int mid = (node_lo + node_hi) / 2;
   const int left = 2 * node;
   const int right = left + 1;
-  if (lower_bound(right, target) < lower_bound(left, target)) {
-    search(right, mid, node_hi, target, lo, hi, best);
-    search(left, node_lo, mid, target, lo, hi, best);
+  const double left_bound = lower_bound(left, target);
+  const double right_bound = lower_bound(right, target);
+  if (right_bound < left_bound) {
+    search(right, mid, node_hi, right_bound, target, lo, hi, best);
+    search(left, node_lo, mid, left_bound, target, lo, hi, best);
   } else {
-    search(left, node_lo, mid, target, lo, hi, best);
-    search(right, mid, node_hi, target, lo, hi, best);
+    search(left, node_lo, mid, left_bound, target, lo, hi, best);
+    search(right, mid, node_hi, right_bound, target, lo, hi, best);
   }
 }
 

@@ -41,8 +41,9 @@ class PhaseRowMatcher {
     int column;
   };
 
-  void search(int node, int node_lo, int node_hi, double target, int lo, int hi,
-              Best& best) const;
+  void search(int node, int node_lo, int node_hi, double bound, double target, int lo,
+              int hi, Best& best) const;
+  void pull_up(int node);
   double lower_bound(int node, double target) const;
   bool usable(int column) const { return status_[column] < max_uses_; }
 

@@ -1,0 +1,176 @@
+// Phase-shift generator: intake (26 setpict), exec and genPC at two sizes,
+// the matcher against the straightforward scan, and peak memory of a whole
+// measurement against the planes the generator must hold.
+
+#include <benchmark/benchmark.h>
+
+#include <fstream>
+#include <string>
+
+#include <sl3d/psft/psft.h>
+
+#include "bench_captures.h"
+#include "support/reference_phase_match.h"
+
+namespace sl3d {
+namespace bench {
+namespace {
+
+PhaseShift* loaded_generator(const Captures& c, int width, int height) {
+  auto* gen = static_cast<PhaseShift*>(createPointCloudGenerator(0));
+  gen->init(width, height);
+  gen->set_camera_params(c.truth.q.data());
+  for (int camera = 0; camera < 2; ++camera) {
+    for (int i = 0; i < 13; ++i) {
+      const cv::Mat& f = c.phase_shift[camera][i];
+      gen->setpict(f.data, f.step, camera, i);
+    }
+  }
+  return gen;
+}
+
+void BM_PhaseShiftIntake(benchmark::State& state) {
+  const int w = state.range(0), h = state.range(1);
+  const Captures& c = captures(w, h);
+  PhaseShift* gen = loaded_generator(c, w, h);
+  for (auto _ : state) {
+    for (int camera = 0; camera < 2; ++camera) {
+      for (int i = 0; i < 13; ++i) {
+        const cv::Mat& f = c.phase_shift[camera][i];
+        gen->setpict(f.data, f.step, camera, i);
+      }
+    }
+  }
+  gen->destroy();
+}
+
+void BM_PhaseShiftExec(benchmark::State& state) {
+  const int w = state.range(0), h = state.range(1);
+  PhaseShift* gen = loaded_generator(captures(w, h), w, h);
+  for (auto _ : state) benchmark::DoNotOptimize(gen->exec());
+  state.counters["records"] = gen->get_disparity_cnt();
+  gen->destroy();
+}
+
+void BM_PhaseShiftGenPC(benchmark::State& state) {
+  const int w = state.range(0), h = state.range(1);
+  PhaseShift* gen = loaded_generator(captures(w, h), w, h);
+  gen->exec();
+  gen->verbose = 0;
+  for (auto _ : state) benchmark::DoNotOptimize(gen->genPC(0));
+  state.counters["points"] = gen->get_pointcloud_cnt();
+  gen->destroy();
+}
+
+// The matching step alone: the library's matcher, and the plain scan over
+// every candidate column, on the decoded planes of a rendered capture.
+testing::MatchState decoded_state(int w, int h) {
+  PhaseShift* gen = loaded_generator(captures(w, h), w, h);
+  for (int camera = 0; camera < 2; ++camera) {
+    gen->mk_code7(camera);
+    gen->check_code7(camera);
+  }
+  for (int camera = 0; camera < 2; ++camera) {
+    gen->mk_phase(camera);
+    gen->unwrap(camera);
+  }
+  testing::MatchState st;
+  st.p0 = gen->phase_map(0);
+  st.p1 = gen->phase_map(1);
+  st.s0 = gen->status_map(0);
+  st.s1 = gen->status_map(1);
+  st.w0 = gen->white_image(0);
+  st.w1 = gen->white_image(1);
+  st.d = PhaseShift::DoubleImage::Zero(h, w);
+  gen->destroy();
+  return st;
+}
+
+void BM_PhaseMatchLibrary(benchmark::State& state) {
+  const int w = state.range(0), h = state.range(1);
+  const testing::MatchState start = decoded_state(w, h);
+  auto* gen = static_cast<PhaseShift*>(createPointCloudGenerator(0));
+  gen->init(w, h);
+  for (auto _ : state) {
+    state.PauseTiming();
+    gen->mutable_phase_map(0) = start.p0;
+    gen->mutable_phase_map(1) = start.p1;
+    gen->mutable_status_map(0) = start.s0;
+    gen->mutable_status_map(1) = start.s1;
+    gen->mutable_white_image(0) = start.w0;
+    gen->mutable_white_image(1) = start.w1;
+    state.ResumeTiming();
+    benchmark::DoNotOptimize(gen->make_disparity_data());
+  }
+  gen->destroy();
+}
+
+void BM_PhaseMatchPlainScan(benchmark::State& state) {
+  const int w = state.range(0), h = state.range(1);
+  const testing::MatchState start = decoded_state(w, h);
+  PhaseShiftParams params;
+  for (auto _ : state) {
+    state.PauseTiming();
+    testing::MatchState st = start;
+    state.ResumeTiming();
+    testing::reference_match(params, st);
+    benchmark::DoNotOptimize(st.records.data());
+  }
+}
+
+long resident_peak_kb() {
+  std::ifstream status("/proc/self/status");
+  std::string line;
+  while (std::getline(status, line)) {
+    if (line.rfind("VmHWM:", 0) == 0) return std::stol(line.substr(6));
+  }
+  return -1;
+}
+
+long resident_now_kb() {
+  std::ifstream status("/proc/self/status");
+  std::string line;
+  while (std::getline(status, line)) {
+    if (line.rfind("VmRSS:", 0) == 0) return std::stol(line.substr(6));
+  }
+  return -1;
+}
+
+// Peak memory of init + intake + exec + genPC, against the planes the
+// generator must hold: per pixel 52 bytes of output buffers (point 16,
+// range grid 4, disparity record 32), 112 bytes of phase-shift planes
+// (per camera status, black, white, 7 Gray codes, code: 11 bytes; 4 fringes
+// and phase: 40 bytes; plus texture 1, threshold 1, disparity map 8) and
+// the two 4 x N temporaries of the reprojection (64 bytes).
+void BM_PhaseShiftPeakMemory(benchmark::State& state) {
+  const int w = state.range(0), h = state.range(1);
+  const Captures& c = captures(w, h);
+  const double pixels = double(w) * h;
+  const double prescribed_mb = pixels * (52 + 112 + 64) / (1024.0 * 1024.0);
+  double used_mb = 0.0;
+  for (auto _ : state) {
+    std::ofstream("/proc/self/clear_refs") << "5";  // resets the peak to now
+    const long before = resident_now_kb();
+    PhaseShift* gen = loaded_generator(c, w, h);
+    gen->exec();
+    gen->verbose = 0;
+    gen->genPC(0);
+    used_mb = (resident_peak_kb() - before) / 1024.0;
+    gen->destroy();
+  }
+  state.counters["peak_MB"] = used_mb;
+  state.counters["prescribed_MB"] = prescribed_mb;
+  state.counters["ratio"] = used_mb / prescribed_mb;
+}
+
+#define SL3D_SIZES Args({1280, 1024})->Args({1920, 1200})
+BENCHMARK(BM_PhaseShiftIntake)->SL3D_SIZES->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_PhaseShiftExec)->SL3D_SIZES->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_PhaseShiftGenPC)->SL3D_SIZES->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_PhaseMatchLibrary)->Args({1920, 1200})->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_PhaseMatchPlainScan)->Args({1920, 1200})->Unit(benchmark::kMillisecond)->Iterations(2);
+BENCHMARK(BM_PhaseShiftPeakMemory)->SL3D_SIZES->Unit(benchmark::kMillisecond)->Iterations(1);
+
+}  // namespace
+}  // namespace bench
+}  // namespace sl3d
