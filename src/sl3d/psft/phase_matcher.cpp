@@ -1,5 +1,6 @@
 #include <sl3d/psft/phase_matcher.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -10,6 +11,13 @@ namespace {
 constexpr double kInf = std::numeric_limits<double>::infinity();
 // The scan's starting best difference: nothing at or above it is taken.
 constexpr double kNoMatchDiff = 1000.0;
+// Beyond these the tree search is cheaper than the runs.
+constexpr int kMaxRunsPerWindow = 8;
+constexpr int kMaxStepsOverUsedColumns = 64;
+
+bool improves(double diff, int column, double best_diff, int best_column) {
+  return diff < best_diff || (diff == best_diff && column < best_column);
+}
 }  // namespace
 
 void PhaseRowMatcher::reset(const double* phase, const std::uint8_t* status, int width,
@@ -27,6 +35,26 @@ void PhaseRowMatcher::reset(const double* phase, const std::uint8_t* status, int
   }
   for (int node = leaves_ - 1; node >= 1; --node) {
     pull_up(node);
+  }
+  build_runs();
+}
+
+void PhaseRowMatcher::build_runs() {
+  columns_.clear();
+  values_.clear();
+  first_at_or_after_.resize(static_cast<std::size_t>(width_) + 1);
+  for (int c = 0; c < width_; ++c) {
+    first_at_or_after_[c] = static_cast<int>(columns_.size());
+    if (!usable(c)) continue;
+    columns_.push_back(c);
+    values_.push_back(phase_[c]);
+  }
+  first_at_or_after_[width_] = static_cast<int>(columns_.size());
+  const int n = static_cast<int>(columns_.size());
+  run_end_.resize(n);
+  for (int k = n - 1; k >= 0; --k) {
+    const bool rises_into_next = k + 1 < n && values_[k + 1] > values_[k];
+    run_end_[k] = rises_into_next ? run_end_[k + 1] : k + 1;
   }
 }
 
@@ -61,8 +89,60 @@ double PhaseRowMatcher::lower_bound(int node, double target) const {
 }
 
 int PhaseRowMatcher::find(double target, int lo, int hi, int hint) const {
-  Best best{kNoMatchDiff, -1};
   if (lo >= hi) return -1;
+  const int first = first_at_or_after_[lo];
+  const int last = first_at_or_after_[hi];
+  Best best{kNoMatchDiff, -1};
+  int runs = 0;
+  for (int k = first; k < last; k = run_end_[k]) {
+    if (++runs > kMaxRunsPerWindow) return tree_find(target, lo, hi, hint);
+    if (!search_run(k, std::min(run_end_[k], last), target, best)) {
+      return tree_find(target, lo, hi, hint);
+    }
+  }
+  return best.column;
+}
+
+bool PhaseRowMatcher::search_run(int begin, int end, double target, Best& best) const {
+  const double* v = values_.data();
+  int crossing;  // first element whose phase is >= target
+  if (v[begin] >= target) {
+    crossing = begin;
+  } else if (v[end - 1] < target) {
+    crossing = end;
+  } else {
+    crossing = static_cast<int>(std::lower_bound(v + begin, v + end, target) - v);
+  }
+  int steps = 0;
+  int right = crossing;
+  while (right < end && !usable(columns_[right])) {
+    if (++steps > kMaxStepsOverUsedColumns) return false;
+    ++right;
+  }
+  if (right < end) {
+    const double diff = std::fabs(v[right] - target);
+    if (improves(diff, columns_[right], best.diff, best.column)) best = {diff, columns_[right]};
+  }
+  // Left of the crossing the difference grows leftwards, but rounding can
+  // make neighbours equal: then the leftmost of them is the scan's choice.
+  int left_best = -1;
+  double left_diff = 0.0;
+  for (int k = crossing - 1; k >= begin; --k) {
+    if (++steps > kMaxStepsOverUsedColumns) return false;
+    if (!usable(columns_[k])) continue;
+    const double diff = std::fabs(v[k] - target);
+    if (left_best >= 0 && diff != left_diff) break;
+    left_best = k;
+    left_diff = diff;
+  }
+  if (left_best >= 0 && improves(left_diff, columns_[left_best], best.diff, best.column)) {
+    best = {left_diff, columns_[left_best]};
+  }
+  return true;
+}
+
+int PhaseRowMatcher::tree_find(double target, int lo, int hi, int hint) const {
+  Best best{kNoMatchDiff, -1};
   if (hint >= lo && hint < hi && usable(hint)) {
     const double diff = std::fabs(phase_[hint] - target);
     if (diff < best.diff) best = {diff, hint};
@@ -81,7 +161,7 @@ void PhaseRowMatcher::search(int node, int node_lo, int node_hi, double bound, d
   if (node >= leaves_) {
     const int column = node_lo;
     const double diff = std::fabs(phase_[column] - target);
-    if (diff < best.diff || (diff == best.diff && column < best.column)) best = {diff, column};
+    if (improves(diff, column, best.diff, best.column)) best = {diff, column};
     return;
   }
   const int mid = (node_lo + node_hi) / 2;

@@ -18,11 +18,19 @@ namespace detail {
 // use limit; statuses change as matches are taken (refresh()).
 //
 // Why not the scan: it costs width x search range per row, far too slow for
-// full-size captures. The matcher keeps a min/max tree of the usable phases
-// and descends only into subtrees that can still hold a closer phase. A hint
-// column (the previous pixel's match, shifted by one) gives a tight bound
-// before the descent, so on smooth rows only a few paths are visited.
-// Exactness does not depend on the hint.
+// full-size captures. Two exact shortcuts replace it:
+//
+// - Runs. A decoded row's phase rises with the column except at depth
+//   edges, so the columns usable at the start of the row split into a few
+//   runs of strictly rising phase. Within a run |p - target| falls and then
+//   rises, so the best of the run is the usable column nearest to where the
+//   phase crosses the target (a binary search), or, among equal differences
+//   left of the crossing, the leftmost. Columns used up later stay in their
+//   runs and are stepped over.
+// - A min/max tree of the usable phases, for windows that hold too many
+//   runs or too many used-up columns near the crossing (noisy or adversarial
+//   rows): a depth-first search that only enters subtrees which can still
+//   hold a closer phase, starting from the bound a hint column gives.
 class PhaseRowMatcher {
  public:
   // Takes the row (not copied; must outlive the queries). Columns whose
@@ -41,9 +49,14 @@ class PhaseRowMatcher {
     int column;
   };
 
+  // Folds the run part [begin, end) into `best`; false when too many
+  // used-up columns had to be stepped over (the tree takes over then).
+  bool search_run(int begin, int end, double target, Best& best) const;
+  int tree_find(double target, int lo, int hi, int hint) const;
   void search(int node, int node_lo, int node_hi, double bound, double target, int lo,
               int hi, Best& best) const;
   void pull_up(int node);
+  void build_runs();
   double lower_bound(int node, double target) const;
   bool usable(int column) const { return status_[column] < max_uses_; }
 
@@ -51,6 +64,13 @@ class PhaseRowMatcher {
   const std::uint8_t* status_ = nullptr;
   int width_ = 0;
   int max_uses_ = 0;
+  // Columns usable at reset, ascending, with their phases; run_end_[k] is
+  // one past the last element of k's run; first_at_or_after_[c] is the
+  // first element whose column is >= c.
+  std::vector<int> columns_;
+  std::vector<double> values_;
+  std::vector<int> run_end_;
+  std::vector<int> first_at_or_after_;
   int leaves_ = 1;  // power of two >= width
   std::vector<double> min_;
   std::vector<double> max_;
