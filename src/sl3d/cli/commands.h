@@ -1,0 +1,26 @@
+#ifndef SL3D_CLI_COMMANDS_H_
+#define SL3D_CLI_COMMANDS_H_
+
+// The subcommands. Each takes the arguments after its name and returns the
+// exit code; failures are thrown as CliError.
+
+#include <string>
+#include <vector>
+
+namespace sl3d {
+
+int run_scan(const std::vector<std::string>& args);
+int run_synth(const std::vector<std::string>& args);
+int run_demo(const std::vector<std::string>& args);
+
+// Help texts: the general one, or that of a command ("" when unknown).
+std::string general_usage();
+std::string command_usage(const std::string& command);
+
+// Progress notes for long steps, shown only when stderr is a terminal so that
+// scripts see nothing but the result or one error line.
+void progress(const std::string& note);
+
+}  // namespace sl3d
+
+#endif  // SL3D_CLI_COMMANDS_H_

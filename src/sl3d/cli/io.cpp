@@ -1,0 +1,235 @@
+#include "io.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include <opencv2/imgcodecs.hpp>
+
+#include "errors.h"
+
+namespace fs = std::filesystem;
+
+namespace sl3d {
+
+namespace {
+
+// libpng reports a damaged file on stderr before OpenCV returns an empty
+// image; the tool states the problem itself, in one line, so decoding runs
+// with stderr pointed at /dev/null. The tool is single-threaded here.
+class StderrSilenced {
+ public:
+  StderrSilenced() {
+    std::fflush(stderr);
+    saved_ = ::dup(STDERR_FILENO);
+    const int null_fd = ::open("/dev/null", O_WRONLY);
+    if (saved_ >= 0 && null_fd >= 0) ::dup2(null_fd, STDERR_FILENO);
+    if (null_fd >= 0) ::close(null_fd);
+  }
+  ~StderrSilenced() {
+    if (saved_ < 0) return;
+    std::fflush(stderr);
+    ::dup2(saved_, STDERR_FILENO);
+    ::close(saved_);
+  }
+  StderrSilenced(const StderrSilenced&) = delete;
+  StderrSilenced& operator=(const StderrSilenced&) = delete;
+
+ private:
+  int saved_ = -1;
+};
+
+std::string errno_text() { return std::strerror(errno); }
+
+std::vector<unsigned char> read_file_bytes(const std::string& path) {
+  std::error_code ec;
+  const fs::file_status status = fs::status(path, ec);
+  if (!fs::exists(status)) throw file_error(path, "no such file");
+  if (!fs::is_regular_file(status)) throw file_error(path, "not a regular file");
+  std::ifstream in(path, std::ios::binary);
+  if (!in) throw file_error(path, "cannot open for reading");
+  std::vector<unsigned char> bytes((std::istreambuf_iterator<char>(in)),
+                                   std::istreambuf_iterator<char>());
+  if (in.bad()) throw file_error(path, "read error");
+  return bytes;
+}
+
+bool has_png_signature(const std::vector<unsigned char>& bytes) {
+  static const unsigned char kSignature[8] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
+  return bytes.size() >= 8 && std::memcmp(bytes.data(), kSignature, 8) == 0;
+}
+
+cv::Mat decode_png_quietly(const std::vector<unsigned char>& bytes) {
+  StderrSilenced quiet;
+  try {
+    return cv::imdecode(bytes, cv::IMREAD_UNCHANGED);
+  } catch (const cv::Exception&) {
+    return cv::Mat();
+  }
+}
+
+std::string describe_pixel_type(const cv::Mat& image) {
+  const int bits = image.depth() == CV_8U ? 8 : image.depth() == CV_16U ? 16 : 32;
+  const int channels = image.channels();
+  const char* kind = channels == 1 ? "grey" : channels == 2 ? "grey+alpha"
+                     : channels == 3 ? "colour" : "colour+alpha";
+  return std::to_string(bits) + "-bit " + kind;
+}
+
+std::string directory_of(const std::string& path) {
+  const fs::path dir = fs::path(path).parent_path();
+  return dir.empty() ? std::string(".") : dir.string();
+}
+
+}  // namespace
+
+cv::Mat read_grey_png(const std::string& path) {
+  const std::vector<unsigned char> bytes = read_file_bytes(path);
+  if (!has_png_signature(bytes)) throw file_error(path, "not a PNG file");
+  const cv::Mat image = decode_png_quietly(bytes);
+  if (image.empty()) throw file_error(path, "corrupt or truncated PNG");
+  if (image.type() != CV_8UC1) {
+    throw file_error(path, "is " + describe_pixel_type(image) +
+                               "; captures must be 8-bit single-channel grey PNGs");
+  }
+  return image;
+}
+
+cv::FileStorage open_yaml(const std::string& path) {
+  const std::vector<unsigned char> bytes = read_file_bytes(path);
+  std::string text(bytes.begin(), bytes.end());
+  const std::size_t start = text.find_first_not_of(" \t\r\n");
+  // OpenCV takes a file without the directive for XML; JSON and XML files
+  // are left to OpenCV's own detection.
+  if (start == std::string::npos || (text.compare(start, 5, "%YAML") != 0 &&
+                                     text[start] != '{' && text[start] != '<')) {
+    text.insert(0, "%YAML:1.0\n");
+  }
+  cv::FileStorage storage;
+  try {
+    storage.open(text, cv::FileStorage::READ | cv::FileStorage::MEMORY);
+  } catch (const cv::Exception&) {
+    throw file_error(path, "not a valid YAML file");
+  }
+  if (!storage.isOpened()) throw file_error(path, "not a valid YAML file");
+  return storage;
+}
+
+std::array<double, 16> read_q_matrix(const std::string& path) {
+  cv::FileStorage storage = open_yaml(path);
+  const cv::FileNode node = storage["Q"];
+  if (node.empty()) throw file_error(path, "no matrix under the key \"Q\"");
+  cv::Mat q;
+  try {
+    node >> q;
+  } catch (const cv::Exception&) {
+    q.release();
+  }
+  if (q.empty()) {
+    throw file_error(path, "\"Q\" is not a matrix (expected !!opencv-matrix, 4x4)");
+  }
+  if (q.rows != 4 || q.cols != 4 || q.channels() != 1) {
+    throw file_error(path, "\"Q\" is " + std::to_string(q.rows) + "x" + std::to_string(q.cols) +
+                               (q.channels() == 1 ? "" : " multi-channel") + ", expected 4x4");
+  }
+  cv::Mat q64;
+  q.convertTo(q64, CV_64F);
+  std::array<double, 16> out{};
+  for (int i = 0; i < 16; ++i) {
+    out[i] = q64.at<double>(i / 4, i % 4);
+    if (!std::isfinite(out[i])) throw file_error(path, "\"Q\" has a non-finite entry");
+  }
+  return out;
+}
+
+std::string q_matrix_yaml(const std::array<double, 16>& q) {
+  cv::FileStorage storage(".yaml", cv::FileStorage::WRITE | cv::FileStorage::MEMORY);
+  storage << "Q" << cv::Mat(4, 4, CV_64F, const_cast<double*>(q.data()));
+  return storage.releaseAndGetString();
+}
+
+std::vector<unsigned char> encode_png(const cv::Mat& image, const std::string& path_for_errors) {
+  std::vector<unsigned char> bytes;
+  if (!cv::imencode(".png", image, bytes) || bytes.empty()) {
+    throw file_error(path_for_errors, "cannot encode the image as PNG");
+  }
+  return bytes;
+}
+
+void check_output_path(const std::string& path) {
+  if (path.empty()) throw CliError("empty output path");
+  if (fs::path(path).filename().empty()) throw file_error(path, "output path has no file name");
+  std::error_code ec;
+  if (fs::is_directory(path, ec)) throw file_error(path, "is a directory");
+  const std::string dir = directory_of(path);
+  if (!fs::exists(dir, ec)) throw file_error(path, "directory '" + dir + "' does not exist");
+  if (!fs::is_directory(dir, ec)) throw file_error(path, "'" + dir + "' is not a directory");
+  if (::access(dir.c_str(), W_OK) != 0) {
+    throw file_error(path, "directory '" + dir + "' is not writable");
+  }
+}
+
+void prepare_output_directory(const std::string& dir) {
+  if (dir.empty()) throw CliError("empty output directory");
+  std::error_code ec;
+  if (fs::exists(dir, ec) && !fs::is_directory(dir, ec)) {
+    throw file_error(dir, "exists and is not a directory");
+  }
+  fs::create_directories(dir, ec);
+  if (ec) throw file_error(dir, "cannot create directory: " + ec.message());
+  if (::access(dir.c_str(), W_OK) != 0) throw file_error(dir, "directory is not writable");
+}
+
+void check_input_directory(const std::string& dir) {
+  std::error_code ec;
+  if (!fs::exists(dir, ec)) throw file_error(dir, "no such directory");
+  if (!fs::is_directory(dir, ec)) throw file_error(dir, "not a directory");
+}
+
+PendingFile::PendingFile(std::string final_path)
+    : final_path_(std::move(final_path)),
+      temp_path_(final_path_ + ".tmp" + std::to_string(::getpid())) {}
+
+PendingFile::PendingFile(PendingFile&& other) noexcept
+    : final_path_(std::move(other.final_path_)),
+      temp_path_(std::move(other.temp_path_)),
+      committed_(other.committed_) {
+  other.temp_path_.clear();
+  other.committed_ = true;
+}
+
+PendingFile::~PendingFile() {
+  if (!committed_ && !temp_path_.empty()) std::remove(temp_path_.c_str());
+}
+
+void PendingFile::write(const void* data, std::size_t size) {
+  std::FILE* f = std::fopen(temp_path_.c_str(), "wb");
+  if (f == nullptr) throw file_error(final_path_, "cannot create: " + errno_text());
+  if (std::fwrite(data, 1, size, f) != size) {
+    const std::string reason = errno_text();
+    std::fclose(f);
+    throw file_error(final_path_, "write failed: " + reason);
+  }
+  // Buffered data reaches the disk only at close, where a full disk shows.
+  if (std::fclose(f) != 0) throw file_error(final_path_, "write failed: " + errno_text());
+}
+
+void PendingFile::commit() {
+  if (std::rename(temp_path_.c_str(), final_path_.c_str()) != 0) {
+    throw file_error(final_path_, "cannot move into place: " + errno_text());
+  }
+  committed_ = true;
+}
+
+void commit_all(std::vector<PendingFile>& files) {
+  for (PendingFile& file : files) file.commit();
+}
+
+}  // namespace sl3d

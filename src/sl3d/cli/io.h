@@ -1,0 +1,73 @@
+#ifndef SL3D_CLI_IO_H_
+#define SL3D_CLI_IO_H_
+
+// File input and output of the tool. Every reader names the offending file in
+// the CliError it throws. Outputs are written under a temporary name beside
+// their final path and renamed into place only when complete, so a failed run
+// leaves no partial file behind.
+
+#include <array>
+#include <string>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+namespace sl3d {
+
+// An 8-bit single-channel PNG. Colour, 16-bit and corrupt files are refused.
+cv::Mat read_grey_png(const std::string& path);
+
+// Opens a YAML file for reading. Files without OpenCV's "%YAML" first line
+// are accepted too, as hand-written YAML usually lacks it.
+cv::FileStorage open_yaml(const std::string& path);
+
+// The 4x4 matrix stored under the key "Q" of a YAML file, row-major.
+std::array<double, 16> read_q_matrix(const std::string& path);
+
+// The same matrix as FileStorage YAML text (key "Q", CV_64F), ready to write.
+std::string q_matrix_yaml(const std::array<double, 16>& q);
+
+std::vector<unsigned char> encode_png(const cv::Mat& image, const std::string& path_for_errors);
+
+// Refuses, before any work is done, an output path whose directory is
+// missing or not writable, or that names a directory.
+void check_output_path(const std::string& path);
+
+// Creates `dir` (with parents) when missing and checks it is writable.
+void prepare_output_directory(const std::string& dir);
+
+// Fails unless `dir` is an existing directory.
+void check_input_directory(const std::string& dir);
+
+// An output file in the making: content goes to temp_path(); commit()
+// renames it to the final path. Destroying an uncommitted file removes the
+// temporary.
+class PendingFile {
+ public:
+  explicit PendingFile(std::string final_path);
+  PendingFile(PendingFile&& other) noexcept;
+  PendingFile(const PendingFile&) = delete;
+  PendingFile& operator=(const PendingFile&) = delete;
+  PendingFile& operator=(PendingFile&&) = delete;
+  ~PendingFile();
+
+  const std::string& final_path() const { return final_path_; }
+  const std::string& temp_path() const { return temp_path_; }
+
+  void write(const void* data, std::size_t size);
+  void write(const std::vector<unsigned char>& bytes) { write(bytes.data(), bytes.size()); }
+  void write(const std::string& text) { write(text.data(), text.size()); }
+  void commit();
+
+ private:
+  std::string final_path_;
+  std::string temp_path_;
+  bool committed_ = false;
+};
+
+// Renames every file into place, in order.
+void commit_all(std::vector<PendingFile>& files);
+
+}  // namespace sl3d
+
+#endif  // SL3D_CLI_IO_H_

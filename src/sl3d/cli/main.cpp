@@ -1,0 +1,85 @@
+// The `sl3d` tool: dispatches to a subcommand and turns every failure into
+// one line on stderr and an exit code.
+
+#include <cstdio>
+#include <exception>
+#include <new>
+#include <string>
+#include <vector>
+
+#include <opencv2/core.hpp>
+#include <opencv2/core/utils/logger.hpp>
+
+#include "args.h"
+#include "commands.h"
+#include "errors.h"
+
+namespace sl3d {
+
+namespace {
+
+using Command = int (*)(const std::vector<std::string>&);
+
+Command find_command(const std::string& name) {
+  if (name == "scan") return run_scan;
+  if (name == "synth") return run_synth;
+  if (name == "demo") return run_demo;
+  return nullptr;
+}
+
+int print_help(const std::string& text) {
+  std::fputs(text.c_str(), stdout);
+  return 0;
+}
+
+// `sl3d help [COMMAND]`
+int run_help(const std::vector<std::string>& args) {
+  if (args.empty()) return print_help(general_usage());
+  const std::string text = command_usage(args[0]);
+  if (args.size() > 1 || text.empty()) {
+    throw usage_error("", "no help for '" + args[0] + "'");
+  }
+  return print_help(text);
+}
+
+int dispatch(const std::vector<std::string>& args) {
+  if (args.empty()) throw usage_error("", "missing command");
+  const std::string& name = args[0];
+  const std::vector<std::string> rest(args.begin() + 1, args.end());
+  if (name == "--help" || name == "-h") return print_help(general_usage());
+  if (name == "help") return run_help(rest);
+  const Command command = find_command(name);
+  if (command == nullptr) throw usage_error("", "unknown command '" + name + "'");
+  if (wants_help(rest)) return print_help(command_usage(name));
+  return command(rest);
+}
+
+void report(const std::string& message) {
+  std::fflush(stdout);
+  std::fprintf(stderr, "sl3d: %s\n", message.c_str());
+}
+
+}  // namespace
+
+}  // namespace sl3d
+
+int main(int argc, char** argv) {
+  // OpenCV's own warnings would add lines to the single error message.
+  cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_ERROR);
+  const std::vector<std::string> args(argv + 1, argv + argc);
+  try {
+    return sl3d::dispatch(args);
+  } catch (const sl3d::CliError& e) {
+    sl3d::report(e.what());
+    return e.exit_code();
+  } catch (const cv::Exception& e) {
+    sl3d::report("OpenCV error in " + e.func + ": " + e.err);
+  } catch (const std::bad_alloc&) {
+    sl3d::report("out of memory");
+  } catch (const std::exception& e) {
+    sl3d::report(e.what());
+  } catch (...) {
+    sl3d::report("unexpected internal error");
+  }
+  return sl3d::kExitRuntimeError;
+}

@@ -1,0 +1,63 @@
+#ifndef SL3D_CLI_MEASURE_H_
+#define SL3D_CLI_MEASURE_H_
+
+// Runs a generator on one capture through the library's public interface and
+// keeps what it produced, so the generator can be released before writing.
+
+#include <array>
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+#include <sl3d/pointcloud/PointCloudGenerator.h>
+
+#include "method.h"
+
+namespace sl3d {
+
+constexpr int kPhaseShiftFrames = 13;
+
+// The images of one scene in setpict order: per camera the 13 phase-shift
+// frames, or the single textured image for block matching. All CV_8UC1 of
+// one size.
+struct Capture {
+  std::vector<cv::Mat> frames[2];
+  cv::Size size() const { return frames[0].empty() ? cv::Size() : frames[0][0].size(); }
+};
+
+struct Measurement {
+  int width = 0;
+  int height = 0;
+  std::vector<PointCloudElement> points;
+  std::vector<int> range_grid;  // per pixel, row-major: point index or -1
+  double intake_ms = 0.0;       // init, camera model, parameters, images
+  double exec_ms = 0.0;
+  double genpc_ms = 0.0;
+};
+
+Measurement measure(Method method, const Capture& capture, const std::array<double, 16>& q,
+                    const MethodParams& params);
+
+// Writes points and range grid as binary PLY under the pending file's
+// temporary name and checks the result, since writePLY() cannot report a
+// failed open.
+class PendingFile;
+void write_point_cloud(PendingFile& file, const Measurement& measurement);
+
+class Stopwatch {
+ public:
+  Stopwatch() : start_(std::chrono::steady_clock::now()) {}
+  double elapsed_ms() const {
+    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start_)
+        .count();
+  }
+
+ private:
+  std::chrono::steady_clock::time_point start_;
+};
+
+}  // namespace sl3d
+
+#endif  // SL3D_CLI_MEASURE_H_

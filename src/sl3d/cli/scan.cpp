@@ -1,0 +1,161 @@
+// `sl3d scan`: captures on disk -> point cloud (and depth preview) on disk.
+
+#include <cstdio>
+#include <filesystem>
+#include <regex>
+
+#include "commands.h"
+#include "args.h"
+#include "depth.h"
+#include "errors.h"
+#include "io.h"
+#include "measure.h"
+#include "params.h"
+
+namespace fs = std::filesystem;
+
+namespace sl3d {
+
+namespace {
+
+const char kCommand[] = "scan";
+
+struct ScanRequest {
+  Method method = Method::kPhaseShift;
+  std::string images_dir;
+  std::string q_file;
+  std::string ply_file;
+  std::string depth_png;  // empty: no preview
+  std::string params_file;  // empty: defaults
+};
+
+ScanRequest parse_scan_args(const std::vector<std::string>& args) {
+  const ParsedArgs parsed = parse_options(kCommand, args,
+                                          {{"--method", true},
+                                           {"--images", true},
+                                           {"--q", true},
+                                           {"--output", true, "-o"},
+                                           {"--depth-png", true},
+                                           {"--params", true}});
+  ScanRequest request;
+  request.method = parse_method(kCommand, parsed.require("--method"));
+  request.images_dir = parsed.require("--images");
+  request.q_file = parsed.require("--q");
+  request.ply_file = parsed.require("--output");
+  request.depth_png = parsed.get("--depth-png", "");
+  request.params_file = parsed.get("--params", "");
+  if (parsed.has("--depth-png") && request.depth_png.empty()) {
+    throw usage_error(kCommand, "--depth-png needs a non-empty value");
+  }
+  if (parsed.has("--params") && request.params_file.empty()) {
+    throw usage_error(kCommand, "--params needs a non-empty value");
+  }
+  if (fs::path(request.depth_png).lexically_normal() ==
+      fs::path(request.ply_file).lexically_normal()) {
+    throw usage_error(kCommand, "--depth-png and --output name the same file");
+  }
+  return request;
+}
+
+std::string frame_name(int camera, int index) {
+  char name[32];
+  std::snprintf(name, sizeof name, "cam%d_%02d.png", camera, index);
+  return name;
+}
+
+std::string textured_name(int camera) { return "cam" + std::to_string(camera) + ".png"; }
+
+// A phase-shift frame numbered past the last index is most likely a capture
+// taken with another pattern sequence; measuring without it would be wrong.
+void refuse_extra_frames(const std::string& dir) {
+  static const std::regex kFramePattern("cam[01]_([0-9]+)\\.png");
+  for (const fs::directory_entry& entry : fs::directory_iterator(dir)) {
+    std::smatch match;
+    const std::string name = entry.path().filename().string();
+    if (std::regex_match(name, match, kFramePattern) &&
+        (match[1].length() > 2 || std::stoi(match[1].str()) >= kPhaseShiftFrames)) {
+      throw file_error(entry.path().string(), "unexpected frame: phaseshift uses indices 00..12");
+    }
+  }
+}
+
+void check_same_size(const cv::Mat& image, const std::string& path, const cv::Mat& first,
+                     const std::string& first_path) {
+  if (image.size() == first.size()) return;
+  throw file_error(path, "size " + std::to_string(image.cols) + "x" + std::to_string(image.rows) +
+                             " differs from " + first_path + " (" + std::to_string(first.cols) +
+                             "x" + std::to_string(first.rows) + ")");
+}
+
+void check_multiple_of_8(const cv::Mat& image, const std::string& path) {
+  if (image.cols % 8 == 0 && image.rows % 8 == 0) return;
+  throw file_error(path, "size " + std::to_string(image.cols) + "x" + std::to_string(image.rows) +
+                             ": phaseshift needs width and height that are multiples of 8");
+}
+
+Capture load_capture(Method method, const std::string& dir) {
+  check_input_directory(dir);
+  if (method == Method::kPhaseShift) refuse_extra_frames(dir);
+  const int frames = method == Method::kPhaseShift ? kPhaseShiftFrames : 1;
+  Capture capture;
+  std::string first_path;
+  for (int camera = 0; camera < 2; ++camera) {
+    for (int index = 0; index < frames; ++index) {
+      const std::string name =
+          method == Method::kPhaseShift ? frame_name(camera, index) : textured_name(camera);
+      const std::string path = (fs::path(dir) / name).string();
+      cv::Mat image = read_grey_png(path);
+      if (first_path.empty()) {
+        first_path = path;
+        if (method == Method::kPhaseShift) check_multiple_of_8(image, path);
+      }
+      check_same_size(image, path, capture.frames[0].empty() ? image : capture.frames[0][0],
+                      first_path);
+      capture.frames[camera].push_back(image);
+    }
+  }
+  return capture;
+}
+
+void print_summary(const ScanRequest& request, const Measurement& m, double read_ms,
+                   double write_ms) {
+  std::printf("%s: %zu points, coverage %.1f%% of %dx%d pixels\n", method_name(request.method),
+              m.points.size(), coverage_percent(m), m.width, m.height);
+  std::printf("time: intake %.1f ms, exec %.1f ms, genPC %.1f ms, write %.1f ms\n",
+              read_ms + m.intake_ms, m.exec_ms, m.genpc_ms, write_ms);
+  std::printf("wrote %s%s%s\n", request.ply_file.c_str(), request.depth_png.empty() ? "" : ", ",
+              request.depth_png.c_str());
+}
+
+}  // namespace
+
+int run_scan(const std::vector<std::string>& args) {
+  const ScanRequest request = parse_scan_args(args);
+  check_output_path(request.ply_file);
+  if (!request.depth_png.empty()) check_output_path(request.depth_png);
+
+  MethodParams params;
+  if (!request.params_file.empty()) load_params_file(request.params_file, request.method, params);
+  const std::array<double, 16> q = read_q_matrix(request.q_file);
+
+  Stopwatch read;
+  const Capture capture = load_capture(request.method, request.images_dir);
+  const double read_ms = read.elapsed_ms();
+
+  const Measurement m = measure(request.method, capture, q, params);
+
+  Stopwatch write;
+  std::vector<PendingFile> outputs;
+  outputs.reserve(2);
+  outputs.emplace_back(request.ply_file);
+  write_point_cloud(outputs.back(), m);
+  if (!request.depth_png.empty()) {
+    outputs.emplace_back(request.depth_png);
+    outputs.back().write(encode_png(depth_preview(depth_map(m)), request.depth_png));
+  }
+  commit_all(outputs);
+  print_summary(request, m, read_ms, write.elapsed_ms());
+  return 0;
+}
+
+}  // namespace sl3d

@@ -1,0 +1,331 @@
+// The `sl3d` tool, run as a separate process: rendered captures must measure
+// to the true depth, and every kind of bad input must end in one error line
+// naming the culprit, a non-zero exit and no output file.
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <opencv2/imgcodecs.hpp>
+
+#include <sl3d/sim/virtual_sensor.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr int kWidth = 320;
+constexpr int kHeight = 256;
+
+struct RunResult {
+  int exit_code = -1;
+  std::string out;
+  std::string err;
+};
+
+std::string slurp(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+void write_text(const fs::path& path, const std::string& text) {
+  std::ofstream(path, std::ios::binary) << text;
+}
+
+std::string quoted(const std::string& s) { return "'" + s + "'"; }
+
+// A point cloud as the tool writes it: vertices and the range grid.
+struct Ply {
+  int cols = 0;
+  int rows = 0;
+  std::vector<float> z;   // per vertex
+  std::vector<int> grid;  // per pixel: vertex index or -1
+};
+
+Ply read_ply(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  Ply ply;
+  int vertices = 0;
+  std::string line;
+  std::getline(in, line);
+  EXPECT_EQ(line, "ply") << path;
+  while (std::getline(in, line) && line != "end_header") {
+    std::sscanf(line.c_str(), "obj_info num_cols %d", &ply.cols);
+    std::sscanf(line.c_str(), "obj_info num_rows %d", &ply.rows);
+    std::sscanf(line.c_str(), "element vertex %d", &vertices);
+  }
+  for (int i = 0; i < vertices && in; ++i) {
+    char record[15];
+    in.read(record, sizeof record);
+    float z;
+    std::memcpy(&z, record + 8, 4);
+    ply.z.push_back(z);
+  }
+  for (int i = 0; i < ply.cols * ply.rows && in; ++i) {
+    const int entries = in.get();
+    int index = -1;
+    if (entries == 1) in.read(reinterpret_cast<char*>(&index), 4);
+    ply.grid.push_back(index);
+  }
+  EXPECT_TRUE(in && in.peek() == EOF) << path << ": size does not match its header";
+  return ply;
+}
+
+class CliTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    root_ = fs::temp_directory_path() / ("sl3d_cli_test_" + std::to_string(::getpid()));
+    fs::remove_all(root_);
+    fs::create_directories(root_ / "logs");
+    const RunResult r = run({"synth", "--out", synth_dir().string(), "--width",
+                             std::to_string(kWidth), "--height", std::to_string(kHeight)});
+    ASSERT_EQ(r.exit_code, 0) << r.err;
+  }
+  static void TearDownTestSuite() { fs::remove_all(root_); }
+
+  static fs::path synth_dir() { return root_ / "synth"; }
+
+  static RunResult run(const std::vector<std::string>& args) {
+    std::string command = quoted(SL3D_CLI_PATH);
+    for (const std::string& arg : args) command += " " + quoted(arg);
+    const fs::path out = root_ / "logs" / "stdout", err = root_ / "logs" / "stderr";
+    command += " >" + quoted(out.string()) + " 2>" + quoted(err.string()) + " </dev/null";
+    const int status = std::system(command.c_str());
+    RunResult r;
+    r.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    r.out = slurp(out);
+    r.err = slurp(err);
+    return r;
+  }
+
+  // A private copy of the synthesized captures, to be damaged by one case.
+  static fs::path fresh_copy(const std::string& name) {
+    const fs::path dir = root_ / name;
+    fs::remove_all(dir);
+    fs::copy(synth_dir(), dir);
+    return dir;
+  }
+
+  static fs::path empty_dir(const std::string& name) {
+    const fs::path dir = root_ / name;
+    fs::remove_all(dir);
+    fs::create_directories(dir);
+    return dir;
+  }
+
+  // Scans `images` into a fresh output directory.
+  static RunResult scan(const std::string& method, const fs::path& images, const fs::path& q,
+                        const fs::path& out_dir, const std::vector<std::string>& extra = {}) {
+    std::vector<std::string> args = {"scan", "--method", method, "--images", images.string(),
+                                     "--q", q.string(), "-o", (out_dir / "cloud.ply").string(),
+                                     "--depth-png", (out_dir / "depth.png").string()};
+    args.insert(args.end(), extra.begin(), extra.end());
+    return run(args);
+  }
+
+  static void expect_clean_failure(const RunResult& r, int exit_code, const std::string& culprit,
+                                   const fs::path& out_dir) {
+    EXPECT_EQ(r.exit_code, exit_code) << r.err;
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+    EXPECT_NE(r.err.find(culprit), std::string::npos) << "'" << culprit << "' not in: " << r.err;
+    if (!out_dir.empty()) {
+      EXPECT_TRUE(fs::is_empty(out_dir)) << "output left behind in " << out_dir;
+    }
+  }
+
+  static fs::path root_;
+};
+
+fs::path CliTest::root_;
+
+double percentile(std::vector<double> values, double fraction) {
+  const std::size_t k = static_cast<std::size_t>(fraction * (values.size() - 1));
+  std::nth_element(values.begin(), values.begin() + k, values.end());
+  return values[k];
+}
+
+TEST_F(CliTest, ScansSynthesizedCapturesToTheTrueDepth) {
+  sl3d::SimRig rig;
+  rig.width = kWidth;
+  rig.height = kHeight;
+  rig.focal_px = 1400.0 * kWidth / 1280;  // as synth scales it
+  const cv::Mat truth = sl3d::VirtualSensor(rig).ground_truth().depth;
+
+  // The default SGBM range of 256 disparities would leave only 64 usable
+  // columns at this width; the parameter file also exercises --params.
+  write_text(root_ / "sgbm_params.yaml", "num_disparities: 64\nblock_size: 5\n");
+  const double fb = rig.focal_px * rig.baseline_mm;
+  for (const std::string method : {"phaseshift", "sgbm"}) {
+    SCOPED_TRACE(method);
+    const fs::path out = empty_dir("scan_" + method);
+    std::vector<std::string> extra;
+    if (method == "sgbm") extra = {"--params", (root_ / "sgbm_params.yaml").string()};
+    const RunResult r = scan(method, synth_dir(), synth_dir() / "q.yaml", out, extra);
+    ASSERT_EQ(r.exit_code, 0) << r.err;
+    EXPECT_EQ(r.err, "");
+
+    const Ply ply = read_ply(out / "cloud.ply");
+    ASSERT_EQ(ply.cols, kWidth);
+    ASSERT_EQ(ply.rows, kHeight);
+    const cv::Mat preview = cv::imread((out / "depth.png").string(), cv::IMREAD_UNCHANGED);
+    ASSERT_EQ(preview.type(), CV_8UC3);
+    ASSERT_EQ(preview.size(), truth.size());
+
+    std::vector<double> errors;  // |disparity error| in pixels
+    int covered = 0;
+    for (int pixel = 0; pixel < kWidth * kHeight; ++pixel) {
+      const int index = ply.grid[pixel];
+      const cv::Vec3b colour = preview.at<cv::Vec3b>(pixel / kWidth, pixel % kWidth);
+      ASSERT_EQ(index >= 0, colour != cv::Vec3b(0, 0, 0)) << "preview disagrees at " << pixel;
+      if (index < 0) continue;
+      ASSERT_LT(index, static_cast<int>(ply.z.size()));
+      ++covered;
+      const double z = truth.at<double>(pixel / kWidth, pixel % kWidth);
+      // In disparity, where both methods' errors do not grow with depth.
+      if (std::isfinite(z)) errors.push_back(std::fabs(fb / ply.z[index] - fb / z));
+    }
+    EXPECT_EQ(covered, static_cast<int>(ply.z.size())) << "every point has one pixel";
+    EXPECT_GT(covered, kWidth * kHeight / 2);
+    ASSERT_FALSE(errors.empty());
+    // Phase shift resolves far finer than block matching at this size.
+    const double typical = method == "phaseshift" ? 0.1 : 0.3;
+    EXPECT_LT(percentile(errors, 0.5), typical);
+    EXPECT_LT(percentile(errors, 0.9), 2 * typical);
+  }
+}
+
+TEST_F(CliTest, RefusesBadCapturesNamingTheFile) {
+  struct Case {
+    const char* what;
+    const char* method;
+    const char* culprit;  // the file the message must name
+    std::function<void(const fs::path&)> damage;
+  };
+  const cv::Mat small(kHeight - 8, kWidth, CV_8UC1, cv::Scalar(90));
+  const cv::Mat colour(kHeight, kWidth, CV_8UC3, cv::Scalar(90, 90, 90));
+  const std::vector<Case> cases = {
+      {"missing image directory", "phaseshift", "no_such_dir", nullptr},
+      {"missing frame", "phaseshift", "cam1_05.png",
+       [](const fs::path& d) { fs::remove(d / "cam1_05.png"); }},
+      {"frame of another size", "phaseshift", "cam0_07.png",
+       [&](const fs::path& d) { cv::imwrite((d / "cam0_07.png").string(), small); }},
+      {"random bytes", "phaseshift", "cam1_10.png",
+       [](const fs::path& d) {
+         std::string noise(4000, '\0');
+         for (std::size_t i = 0; i < noise.size(); ++i) noise[i] = char((i * 7919u) >> 3);
+         write_text(d / "cam1_10.png", noise);
+       }},
+      {"truncated PNG", "phaseshift", "cam0_02.png",
+       [](const fs::path& d) {
+         const std::string png = slurp(d / "cam0_02.png");
+         write_text(d / "cam0_02.png", png.substr(0, png.size() / 2));
+       }},
+      {"colour frame", "phaseshift", "cam0_01.png",
+       [&](const fs::path& d) { cv::imwrite((d / "cam0_01.png").string(), colour); }},
+      {"missing right image", "sgbm", "cam1.png",
+       [](const fs::path& d) { fs::remove(d / "cam1.png"); }},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    fs::path images = root_ / "no_such_dir";
+    if (c.damage) {
+      images = fresh_copy("damaged");
+      c.damage(images);
+    }
+    const fs::path out = empty_dir("out");
+    expect_clean_failure(scan(c.method, images, synth_dir() / "q.yaml", out), 1, c.culprit, out);
+  }
+}
+
+TEST_F(CliTest, RefusesBadQAndParameterFilesNamingThem) {
+  const std::string identity3 =
+      "%YAML:1.0\nQ: !!opencv-matrix\n  rows: 3\n  cols: 3\n  dt: d\n"
+      "  data: [1, 0, 0, 0, 1, 0, 0, 0, 1]\n";
+  struct Case {
+    const char* what;
+    const char* q_text;  // null: no Q file at all
+    const char* params_text;
+    const char* culprit;
+  };
+  const std::vector<Case> cases = {
+      {"missing Q file", nullptr, nullptr, "q_bad.yaml"},
+      {"no key Q", "P: 1\n", nullptr, "q_bad.yaml"},
+      {"3x3 Q", identity3.c_str(), nullptr, "q_bad.yaml"},
+      {"Q not YAML", "\x89\x01garbage: [unclosed\n\t{{", nullptr, "q_bad.yaml"},
+      {"unknown parameter", nullptr, "min_contrast: 10\nmin_contarst: 5\n", "min_contarst"},
+      {"unusable parameter", nullptr, "fit_width: 4\n", "params.yaml"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    const fs::path files = empty_dir("files");
+    fs::path q = synth_dir() / "q.yaml";
+    std::vector<std::string> extra;
+    if (c.params_text != nullptr) {
+      write_text(files / "params.yaml", c.params_text);
+      extra = {"--params", (files / "params.yaml").string()};
+    } else {
+      q = files / "q_bad.yaml";
+      if (c.q_text != nullptr) write_text(q, c.q_text);
+    }
+    const fs::path out = empty_dir("out");
+    expect_clean_failure(scan("phaseshift", synth_dir(), q, out, extra), 1, c.culprit, out);
+  }
+}
+
+TEST_F(CliTest, RefusesUnwritableOutputAndBadUsage) {
+  const fs::path missing_dir = root_ / "no_such_dir";
+  const std::string q = (synth_dir() / "q.yaml").string();
+  const std::vector<std::string> scan_args = {"scan", "--method", "phaseshift", "--images",
+                                              synth_dir().string(), "--q", q};
+  auto with = [&](std::vector<std::string> extra) {
+    std::vector<std::string> args = scan_args;
+    args.insert(args.end(), extra.begin(), extra.end());
+    return args;
+  };
+  const fs::path out = empty_dir("out");
+  const std::string ply = (out / "cloud.ply").string();
+  expect_clean_failure(run(with({"-o", (missing_dir / "cloud.ply").string()})), 1,
+                       (missing_dir / "cloud.ply").string(), out);
+  expect_clean_failure(run(with({"-o", ply, "--depth-png", (missing_dir / "d.png").string()})), 1,
+                       (missing_dir / "d.png").string(), out);
+  expect_clean_failure(run(with({"-o", out.string()})), 1, out.string(), out);
+
+  expect_clean_failure(run({"frobnicate"}), 2, "frobnicate", "");
+  expect_clean_failure(run(with({"-o", ply, "--bogus"})), 2, "--bogus", out);
+  expect_clean_failure(run(with({})), 2, "--output", out);
+  expect_clean_failure(run({"synth", "--out", out.string(), "--width", "321"}), 2, "--width", out);
+
+  const RunResult help = run({"scan", "--help"});
+  EXPECT_EQ(help.exit_code, 0);
+  EXPECT_NE(help.out.find("cam1_12.png"), std::string::npos) << help.out;
+}
+
+TEST_F(CliTest, DemoMeasuresBothMethodsCloseToTheTruth) {
+  const fs::path out = root_ / "demo";
+  const RunResult r = run({"demo", "--out", out.string()});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  for (const char* name : {"phaseshift.ply", "sgbm.ply", "phaseshift_depth.png", "sgbm_depth.png"}) {
+    EXPECT_TRUE(fs::is_regular_file(out / name)) << name;
+  }
+  const std::regex report(R"((phaseshift|sgbm): \d+ points[^\n]*\n[^\n]*p95 \|error\| ([0-9.]+) mm)");
+  int methods = 0;
+  for (std::sregex_iterator it(r.out.begin(), r.out.end(), report), end; it != end; ++it) {
+    ++methods;
+    EXPECT_LT(std::stod((*it)[2]), 5.0) << (*it)[1];
+  }
+  EXPECT_EQ(methods, 2) << r.out;
+}
+
+}  // namespace
