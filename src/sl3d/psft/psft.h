@@ -124,9 +124,10 @@ class SL3D_EXPORT PhaseShift : public PointCloudGenerator {
   bool init(int width, int height) override;
   // Copies a PhaseShiftParams; a fit width other than 3 or 5 becomes 3.
   void setparams(void* params) override;
-  // Files frame `index` (0..12, others ignored) of `camera` (0 or 1, not
-  // checked). Black (0) must come before the Gray-code frames (2..8), which
-  // are stored minus black with a floor at zero.
+  // Files frame `index` (0..12, others ignored) of `camera` (0 or 1; other
+  // camera numbers are ignored rather than written out of bounds). Black (0)
+  // must come before the Gray-code frames (2..8), which are stored minus
+  // black with a floor at zero.
   void setpict(unsigned char* img, unsigned long step, int camera,
                int index) override;
   // Decodes both cameras and matches them; returns the number of rows done.

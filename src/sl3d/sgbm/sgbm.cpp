@@ -30,6 +30,11 @@ void SGBMaching::setpict(unsigned char* img, unsigned long step, int camera, int
 }
 
 int SGBMaching::exec() {
+  // OpenCV 4.6 terminates the process, instead of raising, when the matcher
+  // is run with a negative number of disparities; raise its exception here.
+  if (params_.num_disparities < 0) {
+    CV_Error(cv::Error::StsOutOfRange, "SGBM number of disparities is negative");
+  }
   const int cn = left_.channels();
   const int bs = params_.block_size;
   cv::Ptr<cv::StereoSGBM> matcher = cv::StereoSGBM::create(

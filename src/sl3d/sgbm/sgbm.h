@@ -11,7 +11,8 @@
 // genPC() reprojects those and colours them with the left image.
 //
 // OpenCV errors (mismatched sizes, parameters the matcher refuses) propagate
-// out of exec() as cv::Exception.
+// out of exec() as cv::Exception. A negative number of disparities, which
+// would make OpenCV abort the process, raises the same exception instead.
 
 #include <opencv2/core.hpp>
 
