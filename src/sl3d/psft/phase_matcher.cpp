@@ -68,6 +68,8 @@ void PhaseRowMatcher::pull_up(int node) {
 
 void PhaseRowMatcher::refresh(int column) {
   int node = leaves_ + column;
+  const bool in_tree = min_[node] <= max_[node];
+  if (in_tree == usable(column)) return;  // a use that left it usable
   if (usable(column)) {
     min_[node] = max_[node] = phase_[column];
   } else {
@@ -92,27 +94,22 @@ int PhaseRowMatcher::find(double target, int lo, int hi, int hint) const {
   if (lo >= hi) return -1;
   const int first = first_at_or_after_[lo];
   const int last = first_at_or_after_[hi];
+  const int hint_element = hint >= 0 && hint <= width_ ? first_at_or_after_[hint] : -1;
   Best best{kNoMatchDiff, -1};
   int runs = 0;
   for (int k = first; k < last; k = run_end_[k]) {
     if (++runs > kMaxRunsPerWindow) return tree_find(target, lo, hi, hint);
-    if (!search_run(k, std::min(run_end_[k], last), target, best)) {
+    if (!search_run(k, std::min(run_end_[k], last), hint_element, target, best)) {
       return tree_find(target, lo, hi, hint);
     }
   }
   return best.column;
 }
 
-bool PhaseRowMatcher::search_run(int begin, int end, double target, Best& best) const {
+bool PhaseRowMatcher::search_run(int begin, int end, int hint_element, double target,
+                                 Best& best) const {
   const double* v = values_.data();
-  int crossing;  // first element whose phase is >= target
-  if (v[begin] >= target) {
-    crossing = begin;
-  } else if (v[end - 1] < target) {
-    crossing = end;
-  } else {
-    crossing = static_cast<int>(std::lower_bound(v + begin, v + end, target) - v);
-  }
+  const int crossing = find_crossing(begin, end, hint_element, target);
   int steps = 0;
   int right = crossing;
   while (right < end && !usable(columns_[right])) {
@@ -139,6 +136,30 @@ bool PhaseRowMatcher::search_run(int begin, int end, double target, Best& best) 
     best = {left_diff, columns_[left_best]};
   }
   return true;
+}
+
+// First element of [begin, end) whose phase is >= target. Neighbouring
+// pixels cross the target at neighbouring elements, so a short walk from the
+// hint usually finds it; a binary search covers the rest.
+int PhaseRowMatcher::find_crossing(int begin, int end, int hint_element, double target) const {
+  constexpr int kWalk = 4;
+  const double* v = values_.data();
+  if (v[begin] >= target) return begin;
+  if (v[end - 1] < target) return end;
+  // Here v[begin] < target <= v[end - 1], so the crossing is in (begin, end).
+  if (hint_element > begin && hint_element < end) {
+    int k = hint_element;
+    for (int step = 0; step < kWalk; ++step) {
+      if (v[k] < target) {
+        ++k;  // stays < end: v[end - 1] >= target
+      } else if (v[k - 1] >= target) {
+        --k;  // stays > begin: v[begin] < target
+      } else {
+        return k;
+      }
+    }
+  }
+  return static_cast<int>(std::lower_bound(v + begin, v + end, target) - v);
 }
 
 int PhaseRowMatcher::tree_find(double target, int lo, int hi, int hint) const {

@@ -51,7 +51,8 @@ class PhaseRowMatcher {
 
   // Folds the run part [begin, end) into `best`; false when too many
   // used-up columns had to be stepped over (the tree takes over then).
-  bool search_run(int begin, int end, double target, Best& best) const;
+  bool search_run(int begin, int end, int hint_element, double target, Best& best) const;
+  int find_crossing(int begin, int end, int hint_element, double target) const;
   int tree_find(double target, int lo, int hi, int hint) const;
   void search(int node, int node_lo, int node_hi, double bound, double target, int lo,
               int hi, Best& best) const;
