@@ -68,22 +68,7 @@ void BM_PhaseShiftGenPC(benchmark::State& state) {
 // every candidate column, on the decoded planes of a rendered capture.
 testing::MatchState decoded_state(int w, int h) {
   PhaseShift* gen = loaded_generator(captures(w, h), w, h);
-  for (int camera = 0; camera < 2; ++camera) {
-    gen->mk_code7(camera);
-    gen->check_code7(camera);
-  }
-  for (int camera = 0; camera < 2; ++camera) {
-    gen->mk_phase(camera);
-    gen->unwrap(camera);
-  }
-  testing::MatchState st;
-  st.p0 = gen->phase_map(0);
-  st.p1 = gen->phase_map(1);
-  st.s0 = gen->status_map(0);
-  st.s1 = gen->status_map(1);
-  st.w0 = gen->white_image(0);
-  st.w1 = gen->white_image(1);
-  st.d = PhaseShift::DoubleImage::Zero(h, w);
+  testing::MatchState st = testing::decode_for_matching(*gen);
   gen->destroy();
   return st;
 }

@@ -95,6 +95,29 @@ inline void reference_match(const PhaseShiftParams& prm, MatchState& st) {
   }
 }
 
+// Decodes both cameras of a generator whose 26 frames were handed in (every
+// stage of exec() but the matching) and returns the matcher's inputs, with a
+// zeroed disparity map.
+inline MatchState decode_for_matching(PhaseShift& gen) {
+  for (int camera = 0; camera < 2; ++camera) {
+    gen.mk_code7(camera);
+    gen.check_code7(camera);
+  }
+  for (int camera = 0; camera < 2; ++camera) {
+    gen.mk_phase(camera);
+    gen.unwrap(camera);
+  }
+  MatchState st;
+  st.p0 = gen.phase_map(0);
+  st.p1 = gen.phase_map(1);
+  st.s0 = gen.status_map(0);
+  st.s1 = gen.status_map(1);
+  st.w0 = gen.white_image(0);
+  st.w1 = gen.white_image(1);
+  st.d = DoubleImage::Zero(gen.height(), gen.width());
+  return st;
+}
+
 }  // namespace testing
 }  // namespace sl3d
 

@@ -154,22 +154,7 @@ TEST(PhaseMatcher, EqualsTheScanOnRenderedCaptures) {
     std::vector<cv::Mat> frames = sensor.render_phase_shift(camera, light);
     for (int i = 0; i < 13; ++i) gen->setpict(frames[i].data, frames[i].step, camera, i);
   }
-  for (int camera = 0; camera < 2; ++camera) {
-    gen->mk_code7(camera);
-    gen->check_code7(camera);
-  }
-  for (int camera = 0; camera < 2; ++camera) {
-    gen->mk_phase(camera);
-    gen->unwrap(camera);
-  }
-  MatchState st;
-  st.p0 = gen->phase_map(0);
-  st.p1 = gen->phase_map(1);
-  st.s0 = gen->status_map(0);
-  st.s1 = gen->status_map(1);
-  st.w0 = gen->white_image(0);
-  st.w1 = gen->white_image(1);
-  st.d = DoubleImage::Zero(rig.height, rig.width);
+  const MatchState st = sl3d::testing::decode_for_matching(*gen);
   gen->destroy();
   for (int fit : {3, 5}) {
     for (int uses : {1, 2}) {
