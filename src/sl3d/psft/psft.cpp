@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <new>
 #include <vector>
 
 #include <sl3d/psft/phase_matcher.h>
@@ -114,6 +115,17 @@ void PhaseShift::destroy() { delete this; }
 
 bool PhaseShift::init(int width, int height) {
   if (!PointCloudGenerator::init(width, height)) return false;
+  // Out of memory is reported like the base buffers' failure: false, and
+  // the object stays usable for another init.
+  try {
+    resize_planes(width, height);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  return true;
+}
+
+void PhaseShift::resize_planes(int width, int height) {
   for (CameraPlanes& cam : cams_) {
     cam.status.resize(height, width);
     cam.black.resize(height, width);
@@ -126,7 +138,6 @@ bool PhaseShift::init(int width, int height) {
   texture_.resize(height, width);
   disparity_map_.resize(height, width);
   threshold_.resize(height, width);
-  return true;
 }
 
 void PhaseShift::setparams(void* p) {

@@ -120,7 +120,8 @@ class SL3D_EXPORT PhaseShift : public PointCloudGenerator {
 
   void destroy() override;
   // Base init, then sizes every plane to height x width (a plane of the right
-  // element count is kept, contents are not cleared).
+  // element count is kept, contents are not cleared). Returns false when
+  // memory runs out.
   bool init(int width, int height) override;
   // Copies a PhaseShiftParams; a fit width other than 3 or 5 becomes 3.
   void setparams(void* params) override;
@@ -177,6 +178,7 @@ class SL3D_EXPORT PhaseShift : public PointCloudGenerator {
     DoubleImage phase;
   };
 
+  void resize_planes(int width, int height);
   void copy_rows(ByteImage& plane, const unsigned char* img, unsigned long step) const;
   void subtract_bg(ByteImage& gray, const ByteImage& black) const;
   void match_row(int y, sl3d::detail::PhaseRowMatcher& matcher);
