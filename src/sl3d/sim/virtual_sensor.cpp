@@ -4,6 +4,9 @@
 #include <cmath>
 #include <limits>
 
+#include <functional>
+
+#include <opencv2/calib3d.hpp>
 #include <opencv2/imgproc.hpp>
 
 namespace sl3d {
@@ -170,37 +173,94 @@ double VirtualSensor::albedo(const cv::Vec3d& point) const {
   return 1.0 - scene_.texture_strength * 0.5 * (1.0 + std::clamp(n, -1.0, 1.0));
 }
 
-std::vector<cv::Mat> VirtualSensor::render_phase_shift(int camera,
-                                                       const SimLight& light) const {
-  const cv::Vec3d origin(camera == 1 ? rig_.baseline_mm : 0.0, 0.0, 0.0);
+// Where a camera's sample rays start and, per image row, the world
+// direction of each of its n x n samples per pixel (pixel after pixel).
+struct VirtualSensor::RayCamera {
+  cv::Size size;
+  cv::Vec3d origin;
+  std::function<void(int row, int n, std::vector<cv::Vec3d>& dirs)> row_rays;
+};
+
+namespace {
+
+void sample_row(int width, int row, int n, std::vector<cv::Point2d>& samples) {
+  samples.clear();
+  for (int u = 0; u < width; ++u)
+    for (int sy = 0; sy < n; ++sy)
+      for (int sx = 0; sx < n; ++sx)
+        samples.emplace_back(u + (sx + 0.5) / n - 0.5, row + (sy + 0.5) / n - 0.5);
+}
+
+std::uint64_t camera_seed(const SimLight& light, const cv::Vec3d& origin, int salt) {
+  const auto mm = static_cast<std::int64_t>(std::llround(origin[0] * 7 + origin[1] * 13 + origin[2] * 17));
+  return light.seed * 1000003ull + static_cast<std::uint64_t>(mm) * 1009ull + salt;
+}
+
+}  // namespace
+
+VirtualSensor::RayCamera VirtualSensor::rectified_camera(int camera) const {
+  RayCamera rays;
+  rays.size = cv::Size(rig_.width, rig_.height);
+  rays.origin = cv::Vec3d(camera == 1 ? rig_.baseline_mm : 0.0, 0.0, 0.0);
+  const SimRig rig = rig_;
+  rays.row_rays = [rig](int row, int n, std::vector<cv::Vec3d>& dirs) {
+    std::vector<cv::Point2d> samples;
+    sample_row(rig.width, row, n, samples);
+    dirs.resize(samples.size());
+    for (std::size_t i = 0; i < samples.size(); ++i) {
+      dirs[i] = cv::Vec3d((samples[i].x - rig.cx()) / rig.focal_px,
+                          (samples[i].y - rig.cy()) / rig.focal_px, 1.0);
+    }
+  };
+  return rays;
+}
+
+VirtualSensor::RayCamera VirtualSensor::real_camera(const SimCamera& camera) const {
+  RayCamera rays;
+  rays.size = camera.size;
+  rays.origin = camera.center();
+  rays.row_rays = [camera](int row, int n, std::vector<cv::Vec3d>& dirs) {
+    std::vector<cv::Point2d> samples, normalized;
+    sample_row(camera.size.width, row, n, samples);
+    // Inverting the lens model needs iterations; a tight criterion keeps
+    // the rendered geometry exact to far below a pixel.
+    cv::undistortPoints(samples, normalized, cv::Mat(camera.K), cv::Mat(camera.distortion),
+                        cv::noArray(), cv::noArray(),
+                        cv::TermCriteria(cv::TermCriteria::COUNT | cv::TermCriteria::EPS, 50, 1e-12));
+    const cv::Matx33d world_from_cam = camera.cam_from_world_R.t();
+    dirs.resize(normalized.size());
+    for (std::size_t i = 0; i < normalized.size(); ++i) {
+      dirs[i] = world_from_cam * cv::Vec3d(normalized[i].x, normalized[i].y, 1.0);
+    }
+  };
+  return rays;
+}
+
+std::vector<cv::Mat> VirtualSensor::render_frames(const RayCamera& camera, const SimLight& light) const {
   std::vector<cv::Mat> radiance(kFrames);
-  for (cv::Mat& r : radiance) r = cv::Mat::zeros(rig_.height, rig_.width, CV_32F);
+  for (cv::Mat& r : radiance) r = cv::Mat::zeros(camera.size, CV_32F);
   const int n = std::max(1, light.supersampling);
   const double weight = 1.0 / (n * n);
-  for (int v = 0; v < rig_.height; ++v) {
-    for (int u = 0; u < rig_.width; ++u) {
+  std::vector<cv::Vec3d> dirs;
+  for (int v = 0; v < camera.size.height; ++v) {
+    camera.row_rays(v, n, dirs);
+    for (int u = 0; u < camera.size.width; ++u) {
       double acc[kFrames] = {};
-      for (int sy = 0; sy < n; ++sy) {
-        for (int sx = 0; sx < n; ++sx) {
-          const double px = u + (sx + 0.5) / n - 0.5;
-          const double py = v + (sy + 0.5) / n - 0.5;
-          const cv::Vec3d dir((px - rig_.cx()) / rig_.focal_px, (py - rig_.cy()) / rig_.focal_px, 1.0);
-          Hit hit;
-          if (!cast(origin, dir, hit)) continue;
-          const double a = albedo(hit.point);
-          const double base = a * light.ambient;
-          double lit = 0.0;
-          if (lit_by_projector(hit.point)) {
-            const cv::Vec3d to_projector = cv::normalize(projector_center_ - hit.point);
-            lit = a * light.projector_gain * std::max(0.0, hit.normal.dot(to_projector));
-          }
-          const double u_projector = projector_column(hit.point);
-          for (int f = 0; f < kFrames; ++f) {
-            const double p = lit > 0.0 ? pattern(f, u_projector, rig_.projector_period_px,
-                                                 light.fringe_contrast)
-                                       : 0.0;
-            acc[f] += weight * (base + lit * p);
-          }
+      for (int k = 0; k < n * n; ++k) {
+        Hit hit;
+        if (!cast(camera.origin, dirs[static_cast<std::size_t>(u) * n * n + k], hit)) continue;
+        const double a = albedo(hit.point);
+        const double base = a * light.ambient;
+        double lit = 0.0;
+        if (lit_by_projector(hit.point)) {
+          const cv::Vec3d to_projector = cv::normalize(projector_center_ - hit.point);
+          lit = a * light.projector_gain * std::max(0.0, hit.normal.dot(to_projector));
+        }
+        const double u_projector = projector_column(hit.point);
+        for (int f = 0; f < kFrames; ++f) {
+          const double p =
+              lit > 0.0 ? pattern(f, u_projector, rig_.projector_period_px, light.fringe_contrast) : 0.0;
+          acc[f] += weight * (base + lit * p);
         }
       }
       for (int f = 0; f < kFrames; ++f) radiance[f].at<float>(v, u) = float(acc[f]);
@@ -208,33 +268,98 @@ std::vector<cv::Mat> VirtualSensor::render_phase_shift(int camera,
   }
   std::vector<cv::Mat> frames(kFrames);
   for (int f = 0; f < kFrames; ++f) {
-    frames[f] = finish_frame(radiance[f], light, light.seed * 1000003ull + camera * 100 + f);
+    frames[f] = finish_frame(radiance[f], light, camera_seed(light, camera.origin, f));
   }
   return frames;
 }
 
-cv::Mat VirtualSensor::render_textured(int camera, const SimLight& light) const {
-  const cv::Vec3d origin(camera == 1 ? rig_.baseline_mm : 0.0, 0.0, 0.0);
-  cv::Mat radiance = cv::Mat::zeros(rig_.height, rig_.width, CV_32F);
+cv::Mat VirtualSensor::render_texture(const RayCamera& camera, const SimLight& light) const {
+  cv::Mat radiance = cv::Mat::zeros(camera.size, CV_32F);
   const int n = std::max(1, light.supersampling);
-  for (int v = 0; v < rig_.height; ++v) {
-    for (int u = 0; u < rig_.width; ++u) {
+  std::vector<cv::Vec3d> dirs;
+  for (int v = 0; v < camera.size.height; ++v) {
+    camera.row_rays(v, n, dirs);
+    for (int u = 0; u < camera.size.width; ++u) {
       double acc = 0.0;
-      for (int sy = 0; sy < n; ++sy) {
-        for (int sx = 0; sx < n; ++sx) {
-          const double px = u + (sx + 0.5) / n - 0.5;
-          const double py = v + (sy + 0.5) / n - 0.5;
-          const cv::Vec3d dir((px - rig_.cx()) / rig_.focal_px, (py - rig_.cy()) / rig_.focal_px, 1.0);
-          Hit hit;
-          if (!cast(origin, dir, hit)) continue;
-          // Diffuse light from everywhere: only the albedo shows.
-          acc += albedo(hit.point) * (light.ambient + light.projector_gain);
-        }
+      for (int k = 0; k < n * n; ++k) {
+        Hit hit;
+        if (!cast(camera.origin, dirs[static_cast<std::size_t>(u) * n * n + k], hit)) continue;
+        // Diffuse light from everywhere: only the albedo shows.
+        acc += albedo(hit.point) * (light.ambient + light.projector_gain);
       }
       radiance.at<float>(v, u) = float(acc / (n * n));
     }
   }
-  return finish_frame(radiance, light, light.seed * 1000003ull + 7000 + camera);
+  return finish_frame(radiance, light, camera_seed(light, camera.origin, 7000));
+}
+
+std::vector<cv::Mat> VirtualSensor::render_phase_shift(int camera, const SimLight& light) const {
+  return render_frames(rectified_camera(camera), light);
+}
+
+std::vector<cv::Mat> VirtualSensor::render_phase_shift(const SimCamera& camera,
+                                                       const SimLight& light) const {
+  return render_frames(real_camera(camera), light);
+}
+
+cv::Mat VirtualSensor::render_textured(int camera, const SimLight& light) const {
+  return render_texture(rectified_camera(camera), light);
+}
+
+cv::Mat VirtualSensor::render_textured(const SimCamera& camera, const SimLight& light) const {
+  return render_texture(real_camera(camera), light);
+}
+
+double VirtualSensor::distance_to_scene(const cv::Vec3d& point) const {
+  double best = std::numeric_limits<double>::infinity();
+  for (const SimPlane& plane : scene_.planes) {
+    const cv::Vec3d n = cv::normalize(plane.normal);
+    best = std::min(best, std::fabs(n.dot(point - plane.point)));
+  }
+  for (const SimSphere& sphere : scene_.spheres) {
+    best = std::min(best, std::fabs(cv::norm(point - sphere.center) - sphere.radius));
+  }
+  return best;
+}
+
+cv::Vec3d SimCamera::center() const { return -(cam_from_world_R.t() * cam_from_world_t); }
+
+cv::Point2d SimCamera::project(const cv::Vec3d& world) const {
+  cv::Vec3d rvec;
+  cv::Rodrigues(cv::Mat(cam_from_world_R), rvec);
+  std::vector<cv::Point2d> image;
+  cv::projectPoints(std::vector<cv::Point3d>{cv::Point3d(world[0], world[1], world[2])}, rvec,
+                    cam_from_world_t, cv::Mat(K), cv::Mat(distortion), image);
+  return image[0];
+}
+
+std::array<SimCamera, 2> default_raw_cameras(const SimRig& rig) {
+  std::array<SimCamera, 2> cams;
+  const double scale = rig.width / 1280.0;
+  const struct {
+    double fx, fy, cx_offset, cy_offset;
+    cv::Vec<double, 5> distortion;
+    cv::Vec3d rotation;  // Rodrigues, cam_from_world
+    cv::Vec3d center;
+  } spec[2] = {
+      {1410.0, 1405.0, 6.0, -4.0, {-0.12, 0.08, 0.0006, -0.0004, -0.02},
+       {0.004, -0.012, 0.003}, {0.0, 0.0, 0.0}},
+      {1395.0, 1398.0, -5.0, 7.0, {-0.10, 0.06, -0.0005, 0.0003, -0.01},
+       {-0.006, 0.015, -0.004}, {rig.baseline_mm, 1.5, -2.0}},
+  };
+  for (int i = 0; i < 2; ++i) {
+    SimCamera& c = cams[i];
+    c.size = cv::Size(rig.width, rig.height);
+    c.K = cv::Matx33d(spec[i].fx * scale, 0.0, rig.cx() + spec[i].cx_offset * scale,
+                      0.0, spec[i].fy * scale, rig.cy() + spec[i].cy_offset * scale,
+                      0.0, 0.0, 1.0);
+    c.distortion = spec[i].distortion;
+    cv::Mat r;
+    cv::Rodrigues(spec[i].rotation, r);
+    c.cam_from_world_R = cv::Matx33d(r);
+    c.cam_from_world_t = -(c.cam_from_world_R * spec[i].center);
+  }
+  return cams;
 }
 
 SimGroundTruth VirtualSensor::ground_truth() const {

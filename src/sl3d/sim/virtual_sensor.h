@@ -83,6 +83,28 @@ struct SL3D_EXPORT SimGroundTruth {
   std::array<double, 16> q{};
 };
 
+// A real camera: intrinsics, Brown-Conrady lens distortion (OpenCV's model
+// and coefficient order) and its pose, x_cam = cam_from_world_R * x_world +
+// cam_from_world_t. Its images are raw: distorted and not rectified.
+struct SL3D_EXPORT SimCamera {
+  cv::Size size;
+  cv::Matx33d K = cv::Matx33d::eye();
+  cv::Vec<double, 5> distortion{0, 0, 0, 0, 0};  // k1, k2, p1, p2, k3
+  cv::Matx33d cam_from_world_R = cv::Matx33d::eye();
+  cv::Vec3d cam_from_world_t{0, 0, 0};
+
+  cv::Vec3d center() const;
+  // Distorted pixel of a world point (cv::projectPoints).
+  cv::Point2d project(const cv::Vec3d& world) const;
+};
+
+// Two real cameras around the rig's projector, as a calibration would find
+// them: camera 0 at the world origin, camera 1 about one baseline to the
+// right, both turned by a fraction of a degree, with unequal focal lengths,
+// off-centre principal points and visible distortion. Scales with the
+// rig's width.
+SL3D_EXPORT std::array<SimCamera, 2> default_raw_cameras(const SimRig& rig);
+
 class SL3D_EXPORT VirtualSensor {
  public:
   VirtualSensor(const SimRig& rig = SimRig(), const SimScene& scene = SimScene::default_scene());
@@ -98,8 +120,17 @@ class SL3D_EXPORT VirtualSensor {
   // One uniformly lit image of `camera` showing the scene's texture.
   cv::Mat render_textured(int camera, const SimLight& light = SimLight()) const;
 
+  // The same, seen by a real camera: raw (distorted, unrectified) images.
+  std::vector<cv::Mat> render_phase_shift(const SimCamera& camera,
+                                          const SimLight& light = SimLight()) const;
+  cv::Mat render_textured(const SimCamera& camera, const SimLight& light = SimLight()) const;
+
   // True depth of camera 0 and the pair's Q matrix.
   SimGroundTruth ground_truth() const;
+
+  // Distance of a world point to the nearest surface of the scene: the
+  // error of a measured point, whatever camera model produced it.
+  double distance_to_scene(const cv::Vec3d& point) const;
 
   // Projector period index (0..127) and absolute phase seen at a 3-D point,
   // as the decoder should recover them (exposed for tests).
@@ -108,6 +139,11 @@ class SL3D_EXPORT VirtualSensor {
 
  private:
   struct Hit;
+  struct RayCamera;
+  RayCamera rectified_camera(int camera) const;
+  RayCamera real_camera(const SimCamera& camera) const;
+  std::vector<cv::Mat> render_frames(const RayCamera& camera, const SimLight& light) const;
+  cv::Mat render_texture(const RayCamera& camera, const SimLight& light) const;
   bool cast(const cv::Vec3d& origin, const cv::Vec3d& dir, Hit& hit) const;
   double projector_column(const cv::Vec3d& point) const;
   bool lit_by_projector(const cv::Vec3d& point) const;

@@ -7,6 +7,9 @@
 
 #include <cmath>
 
+#include <opencv2/calib3d.hpp>
+#include <opencv2/imgproc.hpp>
+
 #include <sl3d/psft/psft.h>
 #include <sl3d/sim/virtual_sensor.h>
 
@@ -93,6 +96,46 @@ TEST(VirtualSensor, BothCamerasSeeTheSameTexture) {
   }
   EXPECT_LT(same, shifted);
   EXPECT_LT(same / 7.0, 12.0);
+}
+
+// A raw image, undistorted with OpenCV's own maps, must look like the same
+// camera without lens distortion: this pins down the direction of the
+// renderer's lens model independently of its implementation.
+TEST(VirtualSensor, RawImagesCarryOpenCvsLensDistortion) {
+  const SimRig rig = small_rig();
+  const VirtualSensor sensor(rig);
+  const SimCamera distorted = default_raw_cameras(rig)[1];
+  SimCamera ideal = distorted;
+  ideal.distortion = cv::Vec<double, 5>(0, 0, 0, 0, 0);
+  SimLight light;
+  light.noise_sigma = 0.0;
+  const cv::Mat raw = sensor.render_textured(distorted, light);
+  cv::Mat expected = sensor.render_textured(ideal, light);
+  cv::Mat map1, map2, undistorted;
+  cv::initUndistortRectifyMap(cv::Mat(distorted.K), cv::Mat(distorted.distortion), cv::noArray(),
+                              cv::Mat(distorted.K), raw.size(), CV_32FC1, map1, map2);
+  cv::remap(raw, undistorted, map1, map2, cv::INTER_LINEAR);
+  // The texture is about a pixel fine; compare what survives resampling.
+  for (cv::Mat* image : {&undistorted, &expected}) {
+    cv::GaussianBlur(*image, *image, cv::Size(0, 0), 2.0);
+  }
+  cv::Mat raw_blurred;
+  cv::GaussianBlur(raw, raw_blurred, cv::Size(0, 0), 2.0);
+  const cv::Rect inner(40, 40, rig.width - 80, rig.height - 80);
+  const double corrected = cv::norm(undistorted(inner), expected(inner), cv::NORM_L1) / inner.area();
+  const double uncorrected =
+      cv::norm(raw_blurred(inner), expected(inner), cv::NORM_L1) / inner.area();
+  EXPECT_LT(corrected, 1.5);
+  EXPECT_GT(uncorrected, 2.0 * corrected);
+}
+
+TEST(VirtualSensor, DistanceToSceneIsTheGapToTheNearestSurface) {
+  const VirtualSensor sensor(small_rig());
+  const SimSphere& sphere = sensor.scene().spheres.at(0);
+  const cv::Vec3d outward(0.0, -0.6, -0.8);
+  EXPECT_NEAR(sensor.distance_to_scene(sphere.center + (sphere.radius + 7.0) * outward), 7.0, 1e-9);
+  const SimPlane& wall = sensor.scene().planes.at(0);
+  EXPECT_NEAR(sensor.distance_to_scene(wall.point + 3.0 * cv::normalize(wall.normal)), 3.0, 1e-9);
 }
 
 }  // namespace
