@@ -80,12 +80,7 @@ void BM_PhaseMatchLibrary(benchmark::State& state) {
   gen->init(w, h);
   for (auto _ : state) {
     state.PauseTiming();
-    gen->mutable_phase_map(0) = start.p0;
-    gen->mutable_phase_map(1) = start.p1;
-    gen->mutable_status_map(0) = start.s0;
-    gen->mutable_status_map(1) = start.s1;
-    gen->mutable_white_image(0) = start.w0;
-    gen->mutable_white_image(1) = start.w1;
+    testing::load_for_matching(*gen, start);
     state.ResumeTiming();
     benchmark::DoNotOptimize(gen->make_disparity_data());
   }

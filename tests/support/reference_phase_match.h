@@ -118,6 +118,17 @@ inline MatchState decode_for_matching(PhaseShift& gen) {
   return st;
 }
 
+// Puts the matcher's inputs into a generator initialised for their size.
+inline void load_for_matching(PhaseShift& gen, const MatchState& st) {
+  gen.mutable_phase_map(0) = st.p0;
+  gen.mutable_phase_map(1) = st.p1;
+  gen.mutable_status_map(0) = st.s0;
+  gen.mutable_status_map(1) = st.s1;
+  gen.mutable_white_image(0) = st.w0;
+  gen.mutable_white_image(1) = st.w1;
+  gen.mutable_disparity_map() = st.d;
+}
+
 }  // namespace testing
 }  // namespace sl3d
 

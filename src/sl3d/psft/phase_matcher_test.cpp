@@ -28,13 +28,7 @@ MatchState library_match(const PhaseShiftParams& prm, const MatchState& in) {
   EXPECT_TRUE(gen->init(static_cast<int>(in.p0.cols()), static_cast<int>(in.p0.rows())));
   PhaseShiftParams copy = prm;
   gen->setparams(&copy);
-  gen->mutable_phase_map(0) = in.p0;
-  gen->mutable_phase_map(1) = in.p1;
-  gen->mutable_status_map(0) = in.s0;
-  gen->mutable_status_map(1) = in.s1;
-  gen->mutable_white_image(0) = in.w0;
-  gen->mutable_white_image(1) = in.w1;
-  gen->mutable_disparity_map() = in.d;
+  sl3d::testing::load_for_matching(*gen, in);
   gen->make_disparity_data();
   MatchState out = in;
   out.s0 = gen->status_map(0);
