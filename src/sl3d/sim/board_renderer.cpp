@@ -1,0 +1,150 @@
+#include <sl3d/sim/board_renderer.h>
+
+#include <algorithm>
+#include <cmath>
+
+#include <opencv2/calib3d.hpp>
+#include <opencv2/imgproc.hpp>
+
+namespace sl3d {
+
+namespace {
+
+constexpr double kDegToRad = 3.14159265358979323846 / 180.0;
+
+cv::Matx33d rotation(const BoardPose& pose) {
+  cv::Matx33d r;
+  cv::Rodrigues(pose.rvec, r);
+  return r;
+}
+
+cv::Matx33d intrinsics(const BoardCamera& camera) {
+  return cv::Matx33d(camera.fx, 0, camera.cx, 0, camera.fy, camera.cy, 0, 0, 1);
+}
+
+// Board plane (X, Y, 1) -> homogeneous pixel: K [r1 r2 t].
+cv::Matx33d plane_homography(const BoardPose& pose, const BoardCamera& camera) {
+  const cv::Matx33d r = rotation(pose);
+  const cv::Matx33d rt(r(0, 0), r(0, 1), pose.tvec[0], r(1, 0), r(1, 1), pose.tvec[1],
+                       r(2, 0), r(2, 1), pose.tvec[2]);
+  return intrinsics(camera) * rt;
+}
+
+// Grey level of the board point (x, y); holes[k] is the hole radius of
+// circle k (0 for a plain disc).
+class BoardShader {
+ public:
+  BoardShader(const BoardLayout& layout, const BoardImaging& imaging)
+      : layout_(layout), imaging_(imaging),
+        holes_(std::size_t(std::max(0, layout.circles_x * layout.circles_y)), 0.0) {
+    for (const BoardRing& ring : layout.rings)
+      if (ring.i >= 0 && ring.i < layout.circles_x && ring.j >= 0 && ring.j < layout.circles_y)
+        holes_[std::size_t(ring.j * layout.circles_x + ring.i)] = ring.hole_radius;
+  }
+
+  double shade(double x, double y) const {
+    const double s = layout_.spacing, m = layout_.margin;
+    if (x < -m || y < -m || x > (layout_.circles_x - 1) * s + m ||
+        y > (layout_.circles_y - 1) * s + m)
+      return imaging_.background;
+    const double circle = layout_.dark_circles ? imaging_.dark : imaging_.light;
+    const double ground = layout_.dark_circles ? imaging_.light : imaging_.dark;
+    // Circles do not overlap, so only the nearest centre can contain (x, y).
+    const int i = int(std::lround(x / s)), j = int(std::lround(y / s));
+    if (i < 0 || j < 0 || i >= layout_.circles_x || j >= layout_.circles_y) return ground;
+    const double d = std::hypot(x - i * s, y - j * s);
+    const double hole = holes_[std::size_t(j * layout_.circles_x + i)];
+    return d <= layout_.radius && d >= hole ? circle : ground;
+  }
+
+ private:
+  const BoardLayout& layout_;
+  const BoardImaging& imaging_;
+  std::vector<double> holes_;
+};
+
+// Centre of the image ellipse of the board circle at (x0, y0) with radius r:
+// the circle's conic mapped through the plane homography.
+cv::Point2d conic_centre(const cv::Matx33d& h_inv, double x0, double y0, double r) {
+  const cv::Matx33d board(1, 0, -x0, 0, 1, -y0, -x0, -y0, x0 * x0 + y0 * y0 - r * r);
+  const cv::Matx33d c = h_inv.t() * board * h_inv;
+  const cv::Matx22d quad(c(0, 0), c(0, 1), c(1, 0), c(1, 1));
+  const cv::Vec2d centre = quad.inv() * cv::Vec2d(-c(0, 2), -c(1, 2));
+  return cv::Point2d(centre[0], centre[1]);
+}
+
+cv::Mat finish(const cv::Mat& radiance, const BoardImaging& imaging) {
+  cv::Mat img = radiance;
+  if (imaging.blur_sigma_px > 0.0)
+    cv::GaussianBlur(radiance, img, cv::Size(0, 0), imaging.blur_sigma_px);
+  if (imaging.noise_sigma > 0.0) {
+    cv::Mat noise(img.size(), CV_32F);
+    cv::RNG rng(imaging.seed);
+    rng.fill(noise, cv::RNG::NORMAL, 0.0, imaging.noise_sigma);
+    img = img + noise;
+  }
+  cv::Mat out;
+  img.convertTo(out, CV_8U);  // rounds and saturates to 0..255
+  return out;
+}
+
+}  // namespace
+
+BoardRendering render_board(const BoardLayout& layout, const BoardPose& pose,
+                            const BoardCamera& camera, const BoardImaging& imaging) {
+  const cv::Matx33d r = rotation(pose);
+  const cv::Matx33d r_t = r.t();
+  const cv::Vec3d origin = -(r_t * pose.tvec);  // camera centre in board frame
+  const BoardShader shader(layout, imaging);
+  const int n = std::max(1, imaging.supersampling);
+
+  cv::Mat radiance(camera.height, camera.width, CV_32F);
+  for (int v = 0; v < camera.height; ++v) {
+    for (int u = 0; u < camera.width; ++u) {
+      double sum = 0.0;
+      for (int sy = 0; sy < n; ++sy) {
+        for (int sx = 0; sx < n; ++sx) {
+          const double pu = u + (sx + 0.5) / n - 0.5, pv = v + (sy + 0.5) / n - 0.5;
+          const cv::Vec3d ray = r_t * cv::Vec3d((pu - camera.cx) / camera.fx,
+                                                (pv - camera.cy) / camera.fy, 1.0);
+          const double s = ray[2] != 0.0 ? -origin[2] / ray[2] : -1.0;
+          sum += s > 0.0 ? shader.shade(origin[0] + s * ray[0], origin[1] + s * ray[1])
+                         : imaging.background;
+        }
+      }
+      radiance.at<float>(v, u) = float(sum / (n * n));
+    }
+  }
+
+  BoardRendering out;
+  out.image = finish(radiance, imaging);
+  const cv::Matx33d h = plane_homography(pose, camera);
+  const cv::Matx33d h_inv = h.inv();
+  for (int j = 0; j < layout.circles_y; ++j) {
+    for (int i = 0; i < layout.circles_x; ++i) {
+      const double x = i * layout.spacing, y = j * layout.spacing;
+      const cv::Vec3d p = h * cv::Vec3d(x, y, 1.0);
+      out.centres.emplace_back(p[0] / p[2], p[1] / p[2]);
+      out.ellipse_centres.push_back(conic_centre(h_inv, x, y, layout.radius));
+    }
+  }
+  return out;
+}
+
+BoardPose board_pose_facing(const BoardLayout& layout, double distance, double tilt_x_deg,
+                            double tilt_y_deg, double roll_deg) {
+  const double ax = tilt_x_deg * kDegToRad, ay = tilt_y_deg * kDegToRad,
+               az = roll_deg * kDegToRad;
+  const cv::Matx33d rx(1, 0, 0, 0, std::cos(ax), -std::sin(ax), 0, std::sin(ax), std::cos(ax));
+  const cv::Matx33d ry(std::cos(ay), 0, std::sin(ay), 0, 1, 0, -std::sin(ay), 0, std::cos(ay));
+  const cv::Matx33d rz(std::cos(az), -std::sin(az), 0, std::sin(az), std::cos(az), 0, 0, 0, 1);
+  const cv::Matx33d r = ry * rx * rz;
+  const cv::Vec3d middle((layout.circles_x - 1) * layout.spacing / 2.0,
+                         (layout.circles_y - 1) * layout.spacing / 2.0, 0.0);
+  BoardPose pose;
+  cv::Rodrigues(r, pose.rvec);
+  pose.tvec = cv::Vec3d(0.0, 0.0, distance) - r * middle;
+  return pose;
+}
+
+}  // namespace sl3d

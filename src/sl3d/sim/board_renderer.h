@@ -1,0 +1,91 @@
+#ifndef SL3D_SIM_BOARD_RENDERER_H_
+#define SL3D_SIM_BOARD_RENDERER_H_
+
+// A renderer of circle-grid calibration boards seen by an ideal pinhole
+// camera, with the true image position of every circle.
+//
+// Use it to test board recognition on images whose geometry is known
+// exactly. The board lies in its own plane z = 0 with circle (i, j) centred
+// at (i * spacing, j * spacing, 0); the pose maps board points to camera
+// coordinates Xc = R * Xb + t (R from the Rodrigues vector), and the camera
+// projects Xc to pixel (fx * x / z + cx, fy * y / z + cy), with pixel
+// centres at integer coordinates as in OpenCV.
+
+#include <cstdint>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+#include <sl3d/export.h>
+
+namespace sl3d {
+
+// A circle drawn as a ring: the disc minus a concentric hole.
+struct SL3D_EXPORT BoardRing {
+  int i = 0;                 // grid column of the circle
+  int j = 0;                 // grid row of the circle
+  double hole_radius = 0.0;  // board units, below the circle radius
+};
+
+struct SL3D_EXPORT BoardLayout {
+  int circles_x = 7;
+  int circles_y = 5;
+  double spacing = 20.0;  // centre distance, board units
+  double radius = 6.0;    // circle radius, board units
+  double margin = 15.0;   // board edge beyond the outermost centres
+  bool dark_circles = true;      // dark circles on a light board, else light on dark
+  std::vector<BoardRing> rings;  // circles that carry a hole
+};
+
+struct SL3D_EXPORT BoardCamera {
+  int width = 640;
+  int height = 480;
+  double fx = 800.0;
+  double fy = 800.0;
+  double cx = 319.5;
+  double cy = 239.5;
+};
+
+struct SL3D_EXPORT BoardPose {
+  cv::Vec3d rvec;  // Rodrigues rotation board -> camera
+  cv::Vec3d tvec;  // board origin in camera coordinates
+};
+
+// Grey levels and sensor effects. Final value = clip(blur(shade) + noise).
+struct SL3D_EXPORT BoardImaging {
+  double light = 220.0;       // the light part of the board
+  double dark = 30.0;         // the dark part of the board
+  double background = 110.0;  // everything off the board
+  double blur_sigma_px = 0.0;  // 0 = no blur
+  double noise_sigma = 0.0;    // grey levels, 0 = none
+  std::uint32_t seed = 1;
+  int supersampling = 4;       // n x n samples per pixel
+};
+
+struct SL3D_EXPORT BoardRendering {
+  cv::Mat image;  // CV_8UC1, height x width
+  // Per circle, index j * circles_x + i: the projection of the 3-D circle
+  // centre, and the centre of the ellipse the circle's rim projects to.
+  // They differ under perspective; the latter is what an unbiased fit of
+  // the rim recovers.
+  std::vector<cv::Point2d> centres;
+  std::vector<cv::Point2d> ellipse_centres;
+};
+
+// Renders `layout` seen from `pose`. Samples behind the camera see the
+// background.
+SL3D_EXPORT BoardRendering render_board(const BoardLayout& layout, const BoardPose& pose,
+                                        const BoardCamera& camera = BoardCamera(),
+                                        const BoardImaging& imaging = BoardImaging());
+
+// A pose that looks at the board's middle from `distance` along the
+// camera's axis, after tilting the board by `tilt_x_deg` about its x axis
+// and then `tilt_y_deg` about its y axis, and turning it `roll_deg` in its
+// plane.
+SL3D_EXPORT BoardPose board_pose_facing(const BoardLayout& layout, double distance,
+                                        double tilt_x_deg = 0.0, double tilt_y_deg = 0.0,
+                                        double roll_deg = 0.0);
+
+}  // namespace sl3d
+
+#endif  // SL3D_SIM_BOARD_RENDERER_H_
