@@ -3,10 +3,14 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <string>
+#include <vector>
 #include <new>
 
 #include <Eigen/Dense>
+#include <opencv2/core.hpp>
 
+#include <sl3d/camera/stereo_camera.h>
 #include <sl3d/psft/psft.h>
 #include <sl3d/sgbm/sgbm.h>
 
@@ -24,7 +28,7 @@ extern "C" iPointCloudGenerator* createPointCloudGenerator(int kind) {
 PointCloudGenerator::~PointCloudGenerator() { dispose(); }
 
 void PointCloudGenerator::dispose() {
-  // No stereo model can be loaded yet, so there is nothing to delete here.
+  delete stereo_camera_;
   stereo_camera_ = nullptr;
   q_.reset();
   disparities_.reset();
@@ -57,22 +61,60 @@ bool PointCloudGenerator::set_camera_params(const double* q) {
 }
 
 bool PointCloudGenerator::set_camera_params(const char* dir) {
-  // Constructing the path base throws std::logic_error for a null `dir`.
+  // Paths are the directory as given plus fixed suffixes; a null `dir`
+  // throws std::logic_error from the string construction.
   const std::string base(dir);
-  (void)base;
-  // Both file sets of a calibration directory need the stereo camera model,
-  // which this build does not load yet: both routes report failure and any
-  // Q set earlier is kept.
+  const cv::Size size(width_, height_);
+  const cv::Scalar no_fill(0, 0, 0, 0);
   if (verbose) std::printf("Trying create stereo camera from Hmat...\n");
+  replace_stereo_camera(create_StereoCamera_from_Hmats(base + "/hmat0.dat", base + "/hmat1.dat",
+                                                       base + "/rect.param", size, no_fill, no_fill));
+  if (stereo_camera_ != nullptr) {
+    if (verbose) std::printf(">> Success.\n");
+    return take_q_from_stereo_camera();
+  }
   if (verbose) std::printf(">> Failure\n");
   if (verbose) std::printf("Trying create stereo camera from yaml...\n");
+  const std::vector<std::string> files = {base + "/cam0_param.yaml", base + "/cam1_param.yaml"};
+  replace_stereo_camera(create_StereoCamera(files, size, -1.0, 0, no_fill, no_fill));
+  if (stereo_camera_ != nullptr) {
+    if (verbose) std::printf(">> Success.\n");
+    return take_q_from_stereo_camera();
+  }
   if (verbose) std::printf(">> Failure\n");
   return false;
 }
 
-void PointCloudGenerator::rectify(unsigned char*, int, int, unsigned long, int) {
-  // Without a stereo model the image stays as it is.
-  if (stereo_camera_ == nullptr) return;
+// The result of a load replaces the stereo model, a failed load (null)
+// included; the earlier model is released rather than leaked.
+void PointCloudGenerator::replace_stereo_camera(StereoCamera* camera) {
+  delete stereo_camera_;
+  stereo_camera_ = camera;
+}
+
+// A stereo model whose Q is not 4x4 (a YAML form without "Q") cannot give
+// the generator its Q; that counts as a failed load.
+bool PointCloudGenerator::take_q_from_stereo_camera() {
+  cv::Mat q;
+  stereo_camera_->Q.convertTo(q, CV_64F, 1.0, 0.0);
+  if (q.rows != 4 || q.cols != 4) return false;
+  double row_major[16];
+  for (int r = 0; r < 4; ++r)
+    for (int c = 0; c < 4; ++c) row_major[4 * r + c] = q.at<double>(r, c);
+  iPointCloudGenerator* self = this;
+  return self->set_camera_params(static_cast<const double*>(row_major));
+}
+
+void PointCloudGenerator::rectify(unsigned char* img, int width, int height, unsigned long step,
+                                  int camera) {
+  if (stereo_camera_ == nullptr || (camera != 0 && camera != 1)) return;
+  cv::Mat raw(height, width, CV_8UC1, img, step == 0 ? static_cast<std::size_t>(width) : step);
+  cv::Mat rectified;
+  stereo_camera_->cameras[camera].remap(raw, rectified);
+  // The rectified image must be exactly the generator's size; it overwrites
+  // the top-left corner of the caller's buffer, the rest keeps the raw data.
+  CV_Assert(rectified.rows == height_ && rectified.cols == width_ && rectified.type() == CV_8UC1);
+  rectified.copyTo(raw(cv::Rect(0, 0, width_, height_)));
 }
 
 int PointCloudGenerator::generate_pointcloud(int mode, const ByteImage& texture) {
@@ -87,7 +129,61 @@ int PointCloudGenerator::generate_pointcloud(int mode, const ByteImage& texture)
     if (!q_) return 0;
     return generate_pointcloud_Q(texture);
   }
-  return generate_pointcloud_Q(texture);
+  switch (mode) {
+    case 1:
+      if (!q_ && verbose) std::printf("Q Matrix Not found. PointCloud not can't be generated.\n");
+      return generate_pointcloud_V(texture);
+    case 2:
+      return generate_pointcloud_P(texture);
+    default:
+      return q_ ? generate_pointcloud_Q(texture) : 0;
+  }
+}
+
+void PointCloudGenerator::emit_point(double x, double y, double px, double py, double pz,
+                                     const std::uint8_t* texture) {
+  PointCloudElement& p = points_[point_count_];
+  p.x = static_cast<float>(px);
+  p.y = static_cast<float>(py);
+  p.z = static_cast<float>(pz);
+  const long pixel = static_cast<long>(y) * width_ + static_cast<long>(x);
+  p.red = p.green = p.blue = texture[pixel];
+  range_grid_[pixel] = point_count_;
+  ++point_count_;
+}
+
+// Least squares over both projection matrices. Unlike the Q route, the
+// range grid is not reset: cells of records without a point keep what an
+// earlier generation wrote there.
+int PointCloudGenerator::generate_pointcloud_P(const ByteImage& texture) {
+  point_count_ = 0;
+  const double* rec = disparities_.get();
+  for (int j = 0; j < disparity_count_; ++j, rec += 4) {
+    bool ok = false;
+    const cv::Vec3d X = stereo_camera_->get3dposition_P(cv::Point2d(rec[0], rec[1]),
+                                                        cv::Point2d(rec[0] - rec[2], rec[1]), &ok);
+    if (ok) emit_point(rec[0], rec[1], X[0], X[1], X[2], texture.data());
+  }
+  return point_count_;
+}
+
+// Closest approach of the two sight rays; a record whose rays miss each
+// other by more than 1e-8 gives no point. The range grid is not reset.
+int PointCloudGenerator::generate_pointcloud_V(const ByteImage& texture) {
+  point_count_ = 0;
+  UndistortCamera& left = stereo_camera_->cameras[0];
+  UndistortCamera& right = stereo_camera_->cameras[1];
+  cv::Vec3d c0 = cv::Vec3d(left.get_center());
+  cv::Vec3d c1 = cv::Vec3d(right.get_center());
+  const double* rec = disparities_.get();
+  for (int j = 0; j < disparity_count_; ++j, rec += 4) {
+    const cv::Vec3d sv1(right.get_sight_vector(cv::Point2d(rec[0] - rec[2], rec[1])));
+    const cv::Vec3d sv0(left.get_sight_vector(cv::Point2d(rec[0], rec[1])));
+    double distance = 0.0;
+    const cv::Vec3d X = stereo_camera_->position_from_sv(sv0, sv1, distance, c0, c1);
+    if (!(distance > 1e-8)) emit_point(rec[0], rec[1], X[0], X[1], X[2], texture.data());
+  }
+  return point_count_;
 }
 
 int PointCloudGenerator::generate_pointcloud_Q(const ByteImage& texture) {
@@ -106,14 +202,7 @@ int PointCloudGenerator::generate_pointcloud_Q(const ByteImage& texture) {
     const Eigen::Vector4d r = q * records.col(j);
     if (r(3) == 0.0) continue;
     const double inv = 1.0 / r(3);
-    PointCloudElement& p = points_[point_count_];
-    p.x = static_cast<float>(inv * r(0));
-    p.y = static_cast<float>(inv * r(1));
-    p.z = static_cast<float>(inv * r(2));
-    const long pixel = static_cast<long>(records(1, j)) * width_ + static_cast<long>(records(0, j));
-    p.red = p.green = p.blue = tex[pixel];
-    range_grid_[pixel] = point_count_;
-    ++point_count_;
+    emit_point(records(0, j), records(1, j), inv * r(0), inv * r(1), inv * r(2), tex);
   }
   return point_count_;
 }

@@ -134,6 +134,8 @@ class SL3D_EXPORT PointCloudGenerator : public iPointCloudGenerator {
   // Records of four doubles: column, row, disparity, 1.0.
   const double* get_disparity_ptr() const { return disparities_.get(); }
   const double* get_q_matrix() const { return q_.get(); }
+  // The stereo model loaded from a calibration directory, or null.
+  const StereoCamera* get_stereo_camera() const { return stereo_camera_; }
   int width() const { return width_; }
   int height() const { return height_; }
 
@@ -151,6 +153,11 @@ class SL3D_EXPORT PointCloudGenerator : public iPointCloudGenerator {
   // Q route: each record (x, y, d, 1) becomes Q * (x, y, d, 1)^T / W. Records
   // whose W is exactly 0 give no point. Resets the range grid to -1 first.
   int generate_pointcloud_Q(const ByteImage& texture);
+  // Stereo-model routes (a calibration directory was loaded): mode 2 by
+  // least squares over both projection matrices, mode 1 by the closest
+  // approach of the two sight rays. Neither resets the range grid.
+  int generate_pointcloud_P(const ByteImage& texture);
+  int generate_pointcloud_V(const ByteImage& texture);
 
   // Appends one disparity record; the caller guarantees room (the list holds
   // width*height records).
@@ -169,6 +176,11 @@ class SL3D_EXPORT PointCloudGenerator : public iPointCloudGenerator {
  private:
   // Releases stereo camera, Q, disparity list, range grid and points.
   void dispose();
+  void replace_stereo_camera(StereoCamera* camera);
+  bool take_q_from_stereo_camera();
+  // Stores one point for the record at column x, row y.
+  void emit_point(double x, double y, double px, double py, double pz,
+                  const std::uint8_t* texture);
 
   int point_count_ = 0;
   std::unique_ptr<PointCloudElement[]> points_;
@@ -176,8 +188,7 @@ class SL3D_EXPORT PointCloudGenerator : public iPointCloudGenerator {
   int disparity_count_ = 0;
   std::unique_ptr<double[]> disparities_;
   std::unique_ptr<double[]> q_;
-  // Rectified stereo model loaded from a calibration directory; stays null
-  // until directory loading exists.
+  // Rectified stereo model loaded from a calibration directory (owned).
   StereoCamera* stereo_camera_ = nullptr;
   int width_ = 0;
   int height_ = 0;

@@ -1,0 +1,42 @@
+#ifndef SL3D_SIM_SIM_CALIBRATION_H_
+#define SL3D_SIM_SIM_CALIBRATION_H_
+
+// Calibration files of the virtual sensor's true cameras, so that a
+// measuring pipeline can be tested from raw captures with a calibration
+// whose every number is known.
+
+#include <array>
+#include <string>
+
+#include <opencv2/core.hpp>
+
+#include <sl3d/camera/camera_distort.h>
+#include <sl3d/export.h>
+#include <sl3d/sim/virtual_sensor.h>
+
+namespace sl3d {
+
+// The two cameras as a calibration delivers them: camera 0 named "cam0" with
+// the identity pose, camera 1 named "cam1" with its pose relative to
+// camera 0 (cam1_from_cam0), each with its intrinsics and distortion.
+// `out` must point to two cameras.
+SL3D_EXPORT void calibrated_pair(const std::array<SimCamera, 2>& cameras, DistortCamera* out);
+
+// cam0_from_world of the true camera 0: the rotation that takes world
+// coordinates into the frame the calibration calls its own.
+SL3D_EXPORT cv::Matx33d cam0_from_world(const std::array<SimCamera, 2>& cameras);
+
+// Writes "cam0_param.yaml" and "cam1_param.yaml" into `dir` (which must
+// exist). Returns false when a file cannot be written.
+SL3D_EXPORT bool write_camera_files(const std::array<SimCamera, 2>& cameras,
+                                    const std::string& dir);
+
+// Writes, besides the camera files, the rectified pair in both stored forms:
+// "hmat0.dat", "hmat1.dat", "rect.param" and "stereo_param.yaml" with
+// "rect0.map", "rect1.map". The rectified images keep the raw size.
+SL3D_EXPORT bool write_calibration_directory(const std::array<SimCamera, 2>& cameras,
+                                             const std::string& dir);
+
+}  // namespace sl3d
+
+#endif  // SL3D_SIM_SIM_CALIBRATION_H_
