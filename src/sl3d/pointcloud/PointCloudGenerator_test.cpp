@@ -10,9 +10,16 @@
 #include <string>
 #include <vector>
 
+#include <array>
+#include <filesystem>
+
+#include <unistd.h>
+
+#include <sl3d/camera/stereo_camera.h>
 #include <sl3d/pointcloud/PointCloudGenerator.h>
 #include <sl3d/psft/psft.h>
 #include <sl3d/sgbm/sgbm.h>
+#include <sl3d/sim/sim_calibration.h>
 
 namespace {
 
@@ -247,6 +254,97 @@ TEST(QReprojection, EveryPixelFitsAndAllModesAgree) {
     if (first.empty()) first = xyz;
     EXPECT_EQ(xyz, first) << "mode " << mode << " differs from mode 0";
   }
+}
+
+
+// ---------------------------------------------------------------------------
+// Calibration directories (the virtual sensor's true cameras)
+
+class CalibrationDirectory : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir_ = std::filesystem::temp_directory_path() /
+           ("sl3d_pcg_" + std::to_string(::getpid()) + "_" +
+            ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    std::filesystem::create_directories(dir_);
+    sl3d::SimRig rig;
+    rig.width = 64;
+    rig.height = 48;
+    rig.focal_px = 70.0;
+    cameras_ = sl3d::default_raw_cameras(rig);
+  }
+  void TearDown() override { std::filesystem::remove_all(dir_); }
+
+  std::filesystem::path dir_;
+  std::array<sl3d::SimCamera, 2> cameras_;
+};
+
+TEST_F(CalibrationDirectory, CameraFilesAloneLoadThroughTheSecondRoute) {
+  ASSERT_TRUE(sl3d::write_camera_files(cameras_, dir_.string()));
+  ListPtr gen = make_list_generator(64, 48);
+  gen->verbose = 1;
+  testing::internal::CaptureStdout();
+  EXPECT_TRUE(gen->set_camera_params(dir_.string().c_str()));
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "Trying create stereo camera from Hmat...\n>> Failure\n"
+            "Trying create stereo camera from yaml...\n>> Success.\n");
+  ASSERT_NE(gen->get_q_matrix(), nullptr);
+  ASSERT_NE(gen->get_stereo_camera(), nullptr);
+  // The generator's Q is the stereo model's, row-major.
+  const cv::Mat& q = gen->get_stereo_camera()->Q;
+  for (int k = 0; k < 16; ++k) EXPECT_EQ(gen->get_q_matrix()[k], q.at<double>(k / 4, k % 4));
+  // init drops the model again.
+  ASSERT_TRUE(gen->init(64, 48));
+  EXPECT_EQ(gen->get_stereo_camera(), nullptr);
+}
+
+TEST_F(CalibrationDirectory, RectifyRewritesOnlyTheGeneratorsCorner) {
+  ASSERT_TRUE(sl3d::write_calibration_directory(cameras_, dir_.string()));
+  ListPtr gen = make_list_generator(64, 48);
+  gen->verbose = 0;
+  // Without a calibration directory the image stays raw.
+  std::vector<unsigned char> raw(70 * 50);
+  for (std::size_t i = 0; i < raw.size(); ++i) raw[i] = static_cast<unsigned char>(i * 31 + 7);
+  std::vector<unsigned char> image = raw;
+  gen->rectify(image.data(), 64, 48, 70, 0);
+  EXPECT_EQ(image, raw);
+  ASSERT_TRUE(gen->set_camera_params(dir_.string().c_str()));
+  // A 64x50 raw image in rows of 70 bytes: the 64x48 corner is rectified,
+  // the row padding and the two extra rows keep the raw bytes.
+  gen->rectify(image.data(), 64, 50, 70, 1);
+  bool corner_changed = false;
+  for (int y = 0; y < 50; ++y) {
+    for (int x = 0; x < 70; ++x) {
+      const std::size_t i = static_cast<std::size_t>(y) * 70 + x;
+      if (x >= 64 || y >= 48) {
+        ASSERT_EQ(image[i], raw[i]) << x << "," << y;
+      } else {
+        corner_changed |= image[i] != raw[i];
+      }
+    }
+  }
+  EXPECT_TRUE(corner_changed);
+}
+
+TEST_F(CalibrationDirectory, StereoModesDoNotResetTheRangeGrid) {
+  ASSERT_TRUE(sl3d::write_calibration_directory(cameras_, dir_.string()));
+  ListPtr gen = make_list_generator(64, 48);
+  gen->verbose = 0;
+  ASSERT_TRUE(gen->set_camera_params(dir_.string().c_str()));
+  gen->add(10, 20, 5);
+  gen->add(30, 21, 6);
+  ASSERT_EQ(gen->genPC(0), 2);
+  const int* grid = gen->get_rangegrid();
+  gen->clear();
+  gen->add(30, 21, 6);
+  for (int mode : {2, 1}) {
+    ASSERT_EQ(gen->genPC(mode), 1) << mode;
+    EXPECT_EQ(grid[20 * 64 + 10], 0) << "mode " << mode << " cleared a cell it did not write";
+    EXPECT_EQ(grid[21 * 64 + 30], 0);
+  }
+  // The Q route starts from an empty grid.
+  ASSERT_EQ(gen->genPC(0), 1);
+  EXPECT_EQ(grid[20 * 64 + 10], -1);
 }
 
 }  // namespace
