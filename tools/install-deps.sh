@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(
-  make cmake g++ pkg-config
+  make cmake g++ pkg-config python3 python3-opencv
   libopencv-dev libeigen3-dev
   libgtest-dev libbenchmark-dev
 )
