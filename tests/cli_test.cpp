@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -14,12 +15,15 @@
 #include <functional>
 #include <iterator>
 #include <regex>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 #include <opencv2/imgcodecs.hpp>
 
+#include <sl3d/camera/stereo_camera.h>
+#include <sl3d/sim/sim_calibration.h>
 #include <sl3d/sim/virtual_sensor.h>
 
 namespace fs = std::filesystem;
@@ -50,7 +54,8 @@ std::string quoted(const std::string& s) { return "'" + s + "'"; }
 struct Ply {
   int cols = 0;
   int rows = 0;
-  std::vector<float> z;   // per vertex
+  std::vector<cv::Vec3f> xyz;  // per vertex
+  std::vector<float> z;        // per vertex
   std::vector<int> grid;  // per pixel: vertex index or -1
 };
 
@@ -69,9 +74,10 @@ Ply read_ply(const fs::path& path) {
   for (int i = 0; i < vertices && in; ++i) {
     char record[15];
     in.read(record, sizeof record);
-    float z;
-    std::memcpy(&z, record + 8, 4);
-    ply.z.push_back(z);
+    cv::Vec3f p;
+    std::memcpy(&p[0], record, 12);
+    ply.xyz.push_back(p);
+    ply.z.push_back(p[2]);
   }
   for (int i = 0; i < ply.cols * ply.rows && in; ++i) {
     const int entries = in.get();
@@ -89,13 +95,21 @@ class CliTest : public ::testing::Test {
     root_ = fs::temp_directory_path() / ("sl3d_cli_test_" + std::to_string(::getpid()));
     fs::remove_all(root_);
     fs::create_directories(root_ / "logs");
-    const RunResult r = run({"synth", "--out", synth_dir().string(), "--width",
-                             std::to_string(kWidth), "--height", std::to_string(kHeight)});
-    ASSERT_EQ(r.exit_code, 0) << r.err;
+    const std::vector<std::string> size = {"--width", std::to_string(kWidth), "--height",
+                                           std::to_string(kHeight)};
+    for (const bool rectified : {true, false}) {
+      const fs::path out = rectified ? synth_dir() : raw_dir();
+      std::vector<std::string> args = {"synth", "--out", out.string()};
+      args.insert(args.end(), size.begin(), size.end());
+      if (rectified) args.push_back("--rectified");
+      const RunResult r = run(args);
+      ASSERT_EQ(r.exit_code, 0) << r.err;
+    }
   }
   static void TearDownTestSuite() { fs::remove_all(root_); }
 
-  static fs::path synth_dir() { return root_ / "synth"; }
+  static fs::path synth_dir() { return root_ / "synth"; }  // rectified, q.yaml
+  static fs::path raw_dir() { return root_ / "raw"; }      // raw, calib/
 
   static RunResult run(const std::vector<std::string>& args) {
     std::string command = quoted(SL3D_CLI_PATH);
@@ -312,20 +326,205 @@ TEST_F(CliTest, RefusesUnwritableOutputAndBadUsage) {
   EXPECT_NE(help.out.find("cam1_12.png"), std::string::npos) << help.out;
 }
 
+// Raw captures of the virtual sensor's real cameras, measured through the
+// calibration directory synth writes: every point must lie on a true
+// surface of the scene, in every triangulation mode.
+TEST_F(CliTest, ScansRawCapturesThroughTheCalibrationOntoTheTrueSurfaces) {
+  sl3d::SimRig rig;
+  rig.width = kWidth;
+  rig.height = kHeight;
+  rig.focal_px = 1400.0 * kWidth / 1280;
+  const sl3d::VirtualSensor sensor(rig);
+  const std::array<sl3d::SimCamera, 2> cameras = sl3d::default_raw_cameras(rig);
+  const fs::path calib = raw_dir() / "calib";
+  // Points are in the left rectified frame; the pair's YAML form keeps the
+  // rotation into it.
+  StereoCamera pair(cv::Size(0, 0));
+  ASSERT_TRUE(pair.load(calib.string()));
+  const cv::Matx33d world_from_rect =
+      sl3d::cam0_from_world(cameras).t() * cv::Matx33d(cv::Mat(pair.cam0_R2)).t();
+
+  write_text(root_ / "sgbm_params.yaml", "num_disparities: 64\nblock_size: 5\n");
+  struct Case {
+    const char* method;
+    const char* mode;
+    double median_mm, p90_mm;
+  };
+  for (const Case& c : {Case{"phaseshift", "0", 1.5, 4.0}, Case{"phaseshift", "1", 1.5, 4.0},
+                        Case{"phaseshift", "2", 1.5, 4.0}, Case{"sgbm", "0", 6.0, 20.0}}) {
+    SCOPED_TRACE(std::string(c.method) + " mode " + c.mode);
+    const fs::path out = empty_dir("raw_scan");
+    std::vector<std::string> args = {"scan", "--method", c.method, "--images", raw_dir().string(),
+                                     "--calib", calib.string(), "--mode", c.mode,
+                                     "-o", (out / "cloud.ply").string()};
+    if (std::string(c.method) == "sgbm") {
+      args.insert(args.end(), {"--params", (root_ / "sgbm_params.yaml").string()});
+    }
+    const RunResult r = run(args);
+    ASSERT_EQ(r.exit_code, 0) << r.err;
+    EXPECT_EQ(r.err, "");
+    const Ply ply = read_ply(out / "cloud.ply");
+    ASSERT_EQ(ply.cols * ply.rows, kWidth * kHeight);
+    std::vector<double> distances;
+    for (const cv::Vec3f& p : ply.xyz) {
+      distances.push_back(sensor.distance_to_scene(world_from_rect * cv::Vec3d(p)));
+    }
+    EXPECT_GT(distances.size(), kWidth * kHeight / (c.method[0] == 'p' ? 2u : 10u));
+    ASSERT_FALSE(distances.empty());
+    EXPECT_LT(percentile(distances, 0.5), c.median_mm);
+    EXPECT_LT(percentile(distances, 0.9), c.p90_mm);
+  }
+}
+
+TEST_F(CliTest, ShowsACalibrationDirectory) {
+  const RunResult r = run({"calib-info", (raw_dir() / "calib").string()});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(r.err, "");
+  for (const char* expected : {"image size 320x256 (cam0_param.yaml)", "binary form", "loads",
+                               "uses the binary form", "baseline 100.", "Q:", "maps: 320x256"}) {
+    EXPECT_NE(r.out.find(expected), std::string::npos) << expected << " not in:\n" << r.out;
+  }
+}
+
+// Each damaged file gets its own line on stderr naming it; the exit status
+// says whether a route the generators take still loads.
+TEST_F(CliTest, ReportsEveryCorruptCalibrationFileWithoutCrashing) {
+  auto truncate = [](const fs::path& f, std::size_t bytes) {
+    write_text(f, slurp(f).substr(0, bytes));
+  };
+  auto absurd_header = [](const fs::path& f) {
+    std::string bytes = slurp(f);
+    const std::int32_t huge[3] = {5, 1 << 30, 1 << 30};  // type, cols, rows
+    bytes.replace(0, sizeof huge, reinterpret_cast<const char*>(huge), sizeof huge);
+    write_text(f, bytes);
+  };
+  auto drop_key = [](const fs::path& f, const std::string& key, const std::string& next) {
+    const std::string text = slurp(f);
+    const std::size_t from = text.find(key + ":"), to = text.find(next + ":");
+    write_text(f, text.substr(0, from) + text.substr(to));
+  };
+  auto garbage = [](const fs::path& d) {
+    for (const auto& entry : fs::directory_iterator(d)) {
+      std::string noise(3000, '\0');
+      for (std::size_t i = 0; i < noise.size(); ++i) noise[i] = char((i * 7919u) >> 3);
+      write_text(entry.path(), noise);
+    }
+  };
+  struct Case {
+    const char* what;
+    std::function<void(const fs::path&)> damage;
+    int exit_code;
+    std::vector<std::string> culprits;  // one stderr line each, in order
+    const char* route;                  // the form still used, or null
+  };
+  const std::vector<Case> cases = {
+      {"truncated hmat0.dat", [&](const fs::path& d) { truncate(d / "hmat0.dat", 40); }, 0,
+       {"hmat0.dat: truncated"}, "uses the camera files"},
+      {"absurd rect.param header",
+       [&](const fs::path& d) {
+         std::string bytes = slurp(d / "rect.param");
+         const std::int32_t huge = 2000000000;
+         bytes.replace(0, 4, reinterpret_cast<const char*>(&huge), 4);
+         write_text(d / "rect.param", bytes);
+       },
+       0, {"rect.param: tables of 2000000000 pixels"}, "uses the camera files"},
+      {"absurd map header", [&](const fs::path& d) { absurd_header(d / "rect0.map"); }, 0,
+       {"rect0.map: corrupt map file"}, "uses the binary form"},
+      {"cam0_param.yaml without cam0_P",
+       [&](const fs::path& d) { drop_key(d / "cam0_param.yaml", "cam0_P", "cam0_D"); }, 0,
+       {"cam0_param.yaml: missing key \"cam0_P\""}, "uses the binary form"},
+      {"nothing loads",
+       [&](const fs::path& d) {
+         fs::remove(d / "hmat1.dat");
+         drop_key(d / "cam0_param.yaml", "cam0_P", "cam0_D");
+       },
+       1, {"hmat1.dat: missing", "cam0_param.yaml: missing key", "no usable calibration"}, nullptr},
+      {"empty directory", [](const fs::path& d) {
+         fs::remove_all(d);
+         fs::create_directory(d);
+       },
+       1, {"holds neither the binary form nor the camera files"}, nullptr},
+      {"garbage everywhere", garbage, 1,
+       {"rect.param: cannot be checked", "cam0_param.yaml: not a valid YAML file",
+        "cam1_param.yaml: not a valid YAML file", "stereo_param.yaml: not a valid YAML file",
+        "rect0.map: corrupt", "rect1.map: corrupt", "no usable calibration"},
+       nullptr},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    const fs::path dir = root_ / "calib_damaged";
+    fs::remove_all(dir);
+    fs::copy(raw_dir() / "calib", dir);
+    c.damage(dir);
+    const RunResult r = run({"calib-info", dir.string()});
+    EXPECT_EQ(r.exit_code, c.exit_code) << r.out << r.err;
+    std::vector<std::string> lines;
+    std::istringstream err(r.err);
+    for (std::string line; std::getline(err, line);) lines.push_back(line);
+    ASSERT_EQ(lines.size(), c.culprits.size()) << r.err;
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+      EXPECT_EQ(lines[i].rfind("sl3d: " + dir.string(), 0), 0u) << lines[i];
+      EXPECT_NE(lines[i].find(c.culprits[i]), std::string::npos) << lines[i];
+    }
+    if (c.route != nullptr) {
+      EXPECT_NE(r.out.find(c.route), std::string::npos) << r.out;
+    }
+
+    // scan takes the same verdict, in one line and without output.
+    const fs::path out = empty_dir("out");
+    const RunResult scan = run({"scan", "--method", "phaseshift", "--images", raw_dir().string(),
+                                "--calib", dir.string(), "-o", (out / "cloud.ply").string()});
+    if (c.exit_code == 0) {
+      EXPECT_EQ(scan.exit_code, 0) << scan.err;
+    } else {
+      expect_clean_failure(scan, 1, "no usable calibration", out);
+    }
+  }
+}
+
+TEST_F(CliTest, RefusesRawCapturesThatDoNotFitTheCalibration) {
+  sl3d::SimRig other;
+  other.width = kWidth + 16;
+  other.height = kHeight;
+  const fs::path calib = empty_dir("calib_other_size");
+  ASSERT_TRUE(sl3d::write_calibration_directory(sl3d::default_raw_cameras(other), calib.string()));
+  const fs::path out = empty_dir("out");
+  const std::vector<std::string> scan = {"scan", "--method", "phaseshift", "--images",
+                                         raw_dir().string(), "-o", (out / "cloud.ply").string()};
+  auto with = [&](std::vector<std::string> extra) {
+    std::vector<std::string> args = scan;
+    args.insert(args.end(), extra.begin(), extra.end());
+    return args;
+  };
+  expect_clean_failure(run(with({"--calib", calib.string()})), 1, "336x256", out);
+  // Only the binary form, which states no size: the tables do not fit.
+  for (const char* f : {"cam0_param.yaml", "cam1_param.yaml", "stereo_param.yaml"}) {
+    fs::remove(calib / f);
+  }
+  expect_clean_failure(run(with({"--calib", calib.string()})), 1, "rect.param", out);
+
+  const std::string q = (synth_dir() / "q.yaml").string();
+  expect_clean_failure(run(with({"--calib", calib.string(), "--q", q})), 2, "--calib", out);
+  expect_clean_failure(run(with({"--q", q, "--mode", "1"})), 2, "--mode", out);
+  expect_clean_failure(run(with({"--calib", calib.string(), "--mode", "3"})), 2, "--mode", out);
+}
+
 TEST_F(CliTest, DemoMeasuresBothMethodsCloseToTheTruth) {
   const fs::path out = root_ / "demo";
   const RunResult r = run({"demo", "--out", out.string()});
   ASSERT_EQ(r.exit_code, 0) << r.err;
-  for (const char* name : {"phaseshift.ply", "sgbm.ply", "phaseshift_depth.png", "sgbm_depth.png"}) {
+  for (const char* name : {"phaseshift.ply", "sgbm.ply", "phaseshift_depth.png", "sgbm_depth.png",
+                           "calib/hmat0.dat", "calib/cam0_param.yaml"}) {
     EXPECT_TRUE(fs::is_regular_file(out / name)) << name;
   }
-  const std::regex report(R"((phaseshift|sgbm): \d+ points[^\n]*\n[^\n]*p95 \|error\| ([0-9.]+) mm)");
-  int methods = 0;
+  const std::regex report(R"(  mode (\d): (\d+) points[^\n]* p95 ([0-9.]+) mm)");
+  std::string modes;
   for (std::sregex_iterator it(r.out.begin(), r.out.end(), report), end; it != end; ++it) {
-    ++methods;
-    EXPECT_LT(std::stod((*it)[2]), 5.0) << (*it)[1];
+    modes += (*it)[1];
+    EXPECT_GT(std::stoi((*it)[2]), 1280 * 1024 / 2) << (*it)[0];
+    EXPECT_LT(std::stod((*it)[3]), 5.0) << (*it)[0];
   }
-  EXPECT_EQ(methods, 2) << r.out;
+  EXPECT_EQ(modes, "0120") << r.out;  // phase shift in every mode, then block matching
 }
 
 }  // namespace

@@ -66,25 +66,17 @@ cv::Mat depth_preview(const cv::Mat& depth) {
   return preview;
 }
 
-DepthErrorStats depth_error(const Measurement& m, const cv::Mat& true_depth) {
-  std::vector<double> abs_errors;
+ErrorStats error_stats(std::vector<double>& abs_errors_mm) {
+  ErrorStats stats;
+  stats.compared = static_cast<int>(abs_errors_mm.size());
+  if (abs_errors_mm.empty()) return stats;
   double sum_sq = 0.0;
-  DepthErrorStats stats;
-  for (std::size_t pixel = 0; pixel < m.range_grid.size(); ++pixel) {
-    const int index = m.range_grid[pixel];
-    if (index < 0) continue;
-    const double truth = true_depth.at<double>(static_cast<int>(pixel / m.width),
-                                               static_cast<int>(pixel % m.width));
-    if (!std::isfinite(truth)) continue;
-    const double error = m.points[index].z - truth;
+  for (double error : abs_errors_mm) {
     sum_sq += error * error;
-    abs_errors.push_back(std::fabs(error));
-    if (std::fabs(error) > kGrossErrorMm) ++stats.gross;
+    if (error > kGrossErrorMm) ++stats.gross;
   }
-  stats.compared = static_cast<int>(abs_errors.size());
-  if (abs_errors.empty()) return stats;
-  stats.rms_mm = std::sqrt(sum_sq / abs_errors.size());
-  stats.p95_abs_mm = percentile(abs_errors, 0.95);
+  stats.rms_mm = std::sqrt(sum_sq / abs_errors_mm.size());
+  stats.p95_abs_mm = percentile(abs_errors_mm, 0.95);
   return stats;
 }
 

@@ -4,6 +4,8 @@
 // Depth on camera 0's pixel grid: preview images, coverage and the error
 // against a known true depth.
 
+#include <vector>
+
 #include <opencv2/core.hpp>
 
 #include "measure.h"
@@ -20,15 +22,15 @@ double coverage_percent(const Measurement& m);
 // 98th percentile of the valid depths; pixels without depth are black.
 cv::Mat depth_preview(const cv::Mat& depth);
 
-struct DepthErrorStats {
-  int compared = 0;     // points whose pixel has a finite true depth
-  double rms_mm = 0.0;  // of z_point - z_true
+struct ErrorStats {
+  int compared = 0;      // points with a known true position
+  double rms_mm = 0.0;
   double p95_abs_mm = 0.0;
-  int gross = 0;        // |error| > 10 mm
+  int gross = 0;         // |error| > 10 mm
 };
 
-// `true_depth` is CV_64F on the same grid, NaN where there is no surface.
-DepthErrorStats depth_error(const Measurement& m, const cv::Mat& true_depth);
+// Statistics of the points' absolute errors (reordered on the way).
+ErrorStats error_stats(std::vector<double>& abs_errors_mm);
 
 }  // namespace sl3d
 

@@ -232,4 +232,33 @@ void commit_all(std::vector<PendingFile>& files) {
   for (PendingFile& file : files) file.commit();
 }
 
+PendingDirectory::PendingDirectory(std::string final_path)
+    : final_path_(std::move(final_path)),
+      temp_path_(final_path_ + ".tmp" + std::to_string(::getpid())) {
+  std::error_code ec;
+  fs::remove_all(temp_path_, ec);
+  if (!fs::create_directory(temp_path_, ec)) {
+    throw file_error(final_path_, "cannot create directory: " + ec.message());
+  }
+}
+
+PendingDirectory::~PendingDirectory() {
+  std::error_code ec;
+  if (!committed_) fs::remove_all(temp_path_, ec);
+}
+
+void PendingDirectory::commit() {
+  std::error_code ec;
+  const std::string old = final_path_ + ".old" + std::to_string(::getpid());
+  const bool replacing = fs::exists(final_path_, ec);
+  if (replacing) {
+    fs::rename(final_path_, old, ec);
+    if (ec) throw file_error(final_path_, "cannot replace: " + ec.message());
+  }
+  fs::rename(temp_path_, final_path_, ec);
+  if (ec) throw file_error(final_path_, "cannot move into place: " + ec.message());
+  committed_ = true;
+  if (replacing) fs::remove_all(old, ec);
+}
+
 }  // namespace sl3d

@@ -68,6 +68,26 @@ class PendingFile {
 // Renames every file into place, in order.
 void commit_all(std::vector<PendingFile>& files);
 
+// An output directory in the making, filled under a temporary name beside
+// the final one; commit() swaps it into place (replacing an older one).
+// Destroying an uncommitted directory removes the temporary.
+class PendingDirectory {
+ public:
+  explicit PendingDirectory(std::string final_path);
+  PendingDirectory(const PendingDirectory&) = delete;
+  PendingDirectory& operator=(const PendingDirectory&) = delete;
+  ~PendingDirectory();
+
+  const std::string& final_path() const { return final_path_; }
+  const std::string& temp_path() const { return temp_path_; }
+  void commit();
+
+ private:
+  std::string final_path_;
+  std::string temp_path_;
+  bool committed_ = false;
+};
+
 }  // namespace sl3d
 
 #endif  // SL3D_CLI_IO_H_

@@ -24,6 +24,7 @@ Command find_command(const std::string& name) {
   if (name == "scan") return run_scan;
   if (name == "synth") return run_synth;
   if (name == "demo") return run_demo;
+  if (name == "calib-info") return run_calib_info;
   return nullptr;
 }
 
@@ -64,8 +65,9 @@ void report(const std::string& message) {
 }  // namespace sl3d
 
 int main(int argc, char** argv) {
-  // OpenCV's own warnings would add lines to the single error message.
-  cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_ERROR);
+  // OpenCV logs its own errors, which would add lines to the single error
+  // message; the tool reports every failure itself.
+  cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
   const std::vector<std::string> args(argv + 1, argv + argc);
   try {
     return sl3d::dispatch(args);

@@ -1,9 +1,13 @@
 #include "measure.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <memory>
 
+#include <sl3d/camera/stereo_camera.h>
+
+#include "calib.h"
 #include "errors.h"
 #include "io.h"
 
@@ -37,34 +41,72 @@ void check_capture(Method method, const Capture& capture) {
   }
 }
 
-GeneratorPtr make_generator(Method method, cv::Size size, const std::array<double, 16>& q,
-                            const MethodParams& params) {
+GeneratorPtr make_generator(Method method, cv::Size size) {
   GeneratorPtr gen(createPointCloudGenerator(static_cast<int>(method)));
   if (!gen || !gen->init(size.width, size.height)) {
     throw CliError("out of memory for " + std::to_string(size.width) + "x" +
                    std::to_string(size.height) + " images");
   }
-  if (!gen->set_camera_params(q.data())) throw CliError("out of memory for the Q matrix");
-  // setparams() copies the block, so handing in a copy's address is safe.
-  MethodParams copy = params;
-  if (method == Method::kPhaseShift) {
-    gen->setparams(&copy.phaseshift);
-  } else {
-    gen->setparams(&copy.sgbm);
-  }
+  // The library would announce its loading routes on stdout, amid the
+  // tool's own report; the tool explains a failed load itself.
+  static_cast<PointCloudGenerator&>(*gen).verbose = 0;
   return gen;
 }
 
+void set_params(iPointCloudGenerator& gen, Method method, const MethodParams& params) {
+  // setparams() copies the block, so handing in a copy's address is safe.
+  MethodParams copy = params;
+  if (method == Method::kPhaseShift) {
+    gen.setparams(&copy.phaseshift);
+  } else {
+    gen.setparams(&copy.sgbm);
+  }
+}
+
+// The library reports a directory that does not load as false, or lets a
+// corrupt YAML file's exception through; both become one message that
+// names the files at fault.
+void load_calibration(iPointCloudGenerator& gen, const std::string& dir, cv::Size size) {
+  bool loaded = false;
+  try {
+    loaded = gen.set_camera_params(dir.c_str());
+  } catch (const cv::Exception&) {
+    loaded = false;
+  }
+  if (!loaded) throw CliError(calibration_failure(dir, size));
+  const StereoCamera* pair = static_cast<const PointCloudGenerator&>(gen).get_stereo_camera();
+  if (pair != nullptr && pair->oldcamSize != size) {
+    throw file_error(dir, "calibration is for " + size_text(pair->oldcamSize) +
+                              " images, the captures are " + size_text(size));
+  }
+}
+
 // Frames go in index order per camera: black (0) must precede the Gray-code
-// frames, which are stored minus black.
-void hand_in(iPointCloudGenerator& gen, const Capture& capture) {
+// frames, which are stored minus black. Raw frames are rectified in a copy
+// first; returns the time spent rectifying.
+double hand_in(iPointCloudGenerator& gen, const Capture& capture, bool rectify) {
+  double rectify_ms = 0.0;
   for (int camera = 0; camera < 2; ++camera) {
     const std::vector<cv::Mat>& frames = capture.frames[camera];
     for (std::size_t index = 0; index < frames.size(); ++index) {
-      const cv::Mat& frame = frames[index];
+      cv::Mat frame = frames[index];
+      if (rectify) {
+        const Stopwatch watch;
+        frame = frame.clone();
+        gen.rectify(frame.data, frame.cols, frame.rows, frame.step[0], camera);
+        rectify_ms += watch.elapsed_ms();
+      }
       gen.setpict(frame.data, frame.step[0], camera, static_cast<int>(index));
     }
   }
+  return rectify_ms;
+}
+
+// Modes 1 and 2 fill the range grid without clearing it first, so an
+// earlier mode's cells would survive where this one gives no point.
+void clear_range_grid(iPointCloudGenerator& gen, cv::Size size) {
+  int* grid = gen.get_rangegrid();
+  std::fill(grid, grid + static_cast<std::size_t>(size.area()), -1);
 }
 
 void copy_results(const iPointCloudGenerator& gen, int count, Measurement& m) {
@@ -72,6 +114,9 @@ void copy_results(const iPointCloudGenerator& gen, int count, Measurement& m) {
   m.points.assign(points, points + count);
   const int* grid = gen.get_rangegrid();
   m.range_grid.assign(grid, grid + static_cast<std::size_t>(m.width) * m.height);
+  for (int& index : m.range_grid) {
+    if (index >= count) index = -1;
+  }
 }
 
 std::uintmax_t range_grid_bytes(const std::vector<int>& grid) {
@@ -112,28 +157,44 @@ Method parse_method(const std::string& command, const std::string& name) {
   throw usage_error(command, "--method must be phaseshift or sgbm, got '" + name + "'");
 }
 
-Measurement measure(Method method, const Capture& capture, const std::array<double, 16>& q,
-                    const MethodParams& params) {
+std::vector<Measurement> measure(Method method, const Capture& capture, const CameraSetup& setup,
+                                 const MethodParams& params) {
   check_capture(method, capture);
-  Measurement m;
-  m.width = capture.size().width;
-  m.height = capture.size().height;
+  const cv::Size size = capture.size();
+  const bool raw = !setup.calib_dir.empty();
+  Measurement common;
+  common.width = size.width;
+  common.height = size.height;
 
   Stopwatch intake;
-  GeneratorPtr gen = make_generator(method, capture.size(), q, params);
-  hand_in(*gen, capture);
-  m.intake_ms = intake.elapsed_ms();
+  GeneratorPtr gen = make_generator(method, size);
+  if (raw) {
+    const Stopwatch calib;
+    load_calibration(*gen, setup.calib_dir, size);
+    common.calib_ms = calib.elapsed_ms();
+  } else if (!gen->set_camera_params(setup.q.data())) {
+    throw CliError("out of memory for the Q matrix");
+  }
+  set_params(*gen, method, params);
+  common.rectify_ms = hand_in(*gen, capture, raw);
+  common.intake_ms = intake.elapsed_ms() - common.calib_ms - common.rectify_ms;
 
   Stopwatch exec;
   gen->exec();
-  m.exec_ms = exec.elapsed_ms();
+  common.exec_ms = exec.elapsed_ms();
 
-  Stopwatch genpc;
-  const int count = gen->genPC(0);
-  m.genpc_ms = genpc.elapsed_ms();
-
-  copy_results(*gen, count, m);
-  return m;
+  std::vector<Measurement> results;
+  for (int mode : setup.modes) {
+    Measurement m = common;
+    m.mode = mode;
+    clear_range_grid(*gen, size);
+    const Stopwatch genpc;
+    const int count = gen->genPC(mode);
+    m.genpc_ms = genpc.elapsed_ms();
+    copy_results(*gen, count, m);
+    results.push_back(std::move(m));
+  }
+  return results;
 }
 
 void write_point_cloud(PendingFile& file, const Measurement& m) {

@@ -27,18 +27,33 @@ struct Capture {
   cv::Size size() const { return frames[0].empty() ? cv::Size() : frames[0][0].size(); }
 };
 
+// Where the generator's geometry comes from: a Q matrix for rectified
+// captures, or a calibration directory for raw ones, which are then
+// rectified (copies) before intake and triangulated in `mode` 0, 1 or 2.
+struct CameraSetup {
+  std::array<double, 16> q{};
+  std::string calib_dir;  // non-empty: raw captures
+  std::vector<int> modes = {0};
+};
+
 struct Measurement {
   int width = 0;
   int height = 0;
+  int mode = 0;
   std::vector<PointCloudElement> points;
   std::vector<int> range_grid;  // per pixel, row-major: point index or -1
-  double intake_ms = 0.0;       // init, camera model, parameters, images
+  double calib_ms = 0.0;        // loading the calibration directory
+  double rectify_ms = 0.0;
+  double intake_ms = 0.0;       // init, Q, parameters, images
   double exec_ms = 0.0;
   double genpc_ms = 0.0;
 };
 
-Measurement measure(Method method, const Capture& capture, const std::array<double, 16>& q,
-                    const MethodParams& params);
+// One measurement per mode of `setup` (one exec, one genPC per mode).
+// A calibration directory that does not load, or does not fit the
+// capture's size, is an error naming the files at fault.
+std::vector<Measurement> measure(Method method, const Capture& capture, const CameraSetup& setup,
+                                 const MethodParams& params);
 
 // Writes points and range grid as binary PLY under the pending file's
 // temporary name and checks the result, since writePLY() cannot report a

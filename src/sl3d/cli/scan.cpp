@@ -6,6 +6,7 @@
 
 #include "commands.h"
 #include "args.h"
+#include "calib.h"
 #include "depth.h"
 #include "errors.h"
 #include "io.h"
@@ -23,7 +24,9 @@ const char kCommand[] = "scan";
 struct ScanRequest {
   Method method = Method::kPhaseShift;
   std::string images_dir;
-  std::string q_file;
+  std::string q_file;      // rectified captures, or
+  std::string calib_dir;   // raw captures and their calibration
+  int mode = 0;            // genPC mode, with calib_dir only
   std::string ply_file;
   std::string depth_png;  // empty: no preview
   std::string params_file;  // empty: defaults
@@ -34,13 +37,27 @@ ScanRequest parse_scan_args(const std::vector<std::string>& args) {
                                           {{"--method", true},
                                            {"--images", true},
                                            {"--q", true},
+                                           {"--calib", true},
+                                           {"--mode", true},
                                            {"--output", true, "-o"},
                                            {"--depth-png", true},
                                            {"--params", true}});
   ScanRequest request;
   request.method = parse_method(kCommand, parsed.require("--method"));
   request.images_dir = parsed.require("--images");
-  request.q_file = parsed.require("--q");
+  if (parsed.has("--q") == parsed.has("--calib")) {
+    throw usage_error(kCommand, "give exactly one of --q (rectified captures) and --calib "
+                                "(raw captures)");
+  }
+  if (parsed.has("--q")) {
+    request.q_file = parsed.require("--q");
+    // Modes 1 and 2 need the stereo model; with Q alone they would silently
+    // fall back to mode 0.
+    if (parsed.has("--mode")) throw usage_error(kCommand, "--mode needs --calib");
+  } else {
+    request.calib_dir = parsed.require("--calib");
+    request.mode = parsed.get_int("--mode", 0, 0, 2);
+  }
   request.ply_file = parsed.require("--output");
   request.depth_png = parsed.get("--depth-png", "");
   request.params_file = parsed.get("--params", "");
@@ -117,11 +134,39 @@ Capture load_capture(Method method, const std::string& dir) {
   return capture;
 }
 
+// The captures must be the size the calibration was made for; a directory
+// whose YAML files state no size is checked when it loads.
+void check_calibration_size(const std::string& calib_dir, const Capture& capture,
+                            const std::string& images_dir) {
+  const StatedSize stated = stated_image_size(calib_dir);
+  if (stated.size.area() == 0 || stated.size == capture.size()) return;
+  throw file_error(images_dir, "captures are " + size_text(capture.size()) +
+                                   ", the calibration in " + calib_dir + " is for " +
+                                   size_text(stated.size) + " images (" + stated.source + ")");
+}
+
+CameraSetup camera_setup(const ScanRequest& request) {
+  CameraSetup setup;
+  if (request.calib_dir.empty()) {
+    setup.q = read_q_matrix(request.q_file);
+  } else {
+    check_input_directory(request.calib_dir);
+    setup.calib_dir = request.calib_dir;
+    setup.modes = {request.mode};
+  }
+  return setup;
+}
+
 void print_summary(const ScanRequest& request, const Measurement& m, double read_ms,
                    double write_ms) {
-  std::printf("%s: %zu points, coverage %.1f%% of %dx%d pixels\n", method_name(request.method),
+  std::printf("%s: %zu points, coverage %.1f%% of %dx%d pixels", method_name(request.method),
               m.points.size(), coverage_percent(m), m.width, m.height);
-  std::printf("time: intake %.1f ms, exec %.1f ms, genPC %.1f ms, write %.1f ms\n",
+  if (!request.calib_dir.empty()) std::printf(", mode %d", m.mode);
+  std::printf("\ntime: ");
+  if (!request.calib_dir.empty()) {
+    std::printf("calibration %.1f ms, rectify %.1f ms, ", m.calib_ms, m.rectify_ms);
+  }
+  std::printf("intake %.1f ms, exec %.1f ms, genPC %.1f ms, write %.1f ms\n",
               read_ms + m.intake_ms, m.exec_ms, m.genpc_ms, write_ms);
   std::printf("wrote %s%s%s\n", request.ply_file.c_str(), request.depth_png.empty() ? "" : ", ",
               request.depth_png.c_str());
@@ -136,13 +181,16 @@ int run_scan(const std::vector<std::string>& args) {
 
   MethodParams params;
   if (!request.params_file.empty()) load_params_file(request.params_file, request.method, params);
-  const std::array<double, 16> q = read_q_matrix(request.q_file);
+  const CameraSetup setup = camera_setup(request);
 
   Stopwatch read;
   const Capture capture = load_capture(request.method, request.images_dir);
   const double read_ms = read.elapsed_ms();
+  if (!setup.calib_dir.empty()) {
+    check_calibration_size(setup.calib_dir, capture, request.images_dir);
+  }
 
-  const Measurement m = measure(request.method, capture, q, params);
+  const Measurement m = measure(request.method, capture, setup, params).front();
 
   Stopwatch write;
   std::vector<PendingFile> outputs;

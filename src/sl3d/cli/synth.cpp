@@ -1,8 +1,11 @@
-// `sl3d synth`: renders a capture directory that `sl3d scan` can read.
+// `sl3d synth`: renders a capture directory that `sl3d scan` can read: raw
+// captures of the virtual sensor's real cameras with their calibration
+// directory, or with --rectified the ideal rectified pair with its Q.
 
 #include <cstdio>
 #include <filesystem>
 
+#include <sl3d/sim/sim_calibration.h>
 #include <sl3d/sim/virtual_sensor.h>
 
 #include "args.h"
@@ -27,7 +30,10 @@ struct SynthRequest {
   std::string out_dir;
   SimRig rig;
   SimLight light;
+  bool rectified = false;
 };
+
+const char kCalibSubdir[] = "calib";
 
 int checked_size(const ParsedArgs& parsed, const std::string& name, int fallback) {
   const int size = parsed.get_int(name, fallback, kMinSize, kMaxSize);
@@ -38,7 +44,8 @@ int checked_size(const ParsedArgs& parsed, const std::string& name, int fallback
 SynthRequest parse_synth_args(const std::vector<std::string>& args) {
   const ParsedArgs parsed = parse_options(
       kCommand, args,
-      {{"--out", true}, {"--width", true}, {"--height", true}, {"--noise", true}, {"--blur", true}});
+      {{"--out", true}, {"--width", true}, {"--height", true}, {"--noise", true}, {"--blur", true},
+       {"--rectified", false}});
   SynthRequest request;
   request.out_dir = parsed.require("--out");
   request.rig.width = checked_size(parsed, "--width", request.rig.width);
@@ -46,6 +53,7 @@ SynthRequest parse_synth_args(const std::vector<std::string>& args) {
   request.rig.focal_px = kFocalPerWidth * request.rig.width;
   request.light.noise_sigma = parsed.get_double("--noise", request.light.noise_sigma, 0.0, 100.0);
   request.light.blur_sigma_px = parsed.get_double("--blur", request.light.blur_sigma_px, 0.0, 50.0);
+  request.rectified = parsed.has("--rectified");
   return request;
 }
 
@@ -58,11 +66,26 @@ void add_png(std::vector<PendingFile>& files, const std::string& path, const cv:
   files.back().write(encode_png(image, path));
 }
 
+// Camera `camera` of the rectified pair, or the real camera of a raw set.
+struct CameraView {
+  const VirtualSensor& sensor;
+  const std::array<SimCamera, 2>* raw;  // null: rectified
+
+  std::vector<cv::Mat> phase_shift(int camera, const SimLight& light) const {
+    return raw ? sensor.render_phase_shift((*raw)[camera], light)
+               : sensor.render_phase_shift(camera, light);
+  }
+  cv::Mat textured(int camera, const SimLight& light) const {
+    return raw ? sensor.render_textured((*raw)[camera], light)
+               : sensor.render_textured(camera, light);
+  }
+};
+
 void add_phase_shift_frames(std::vector<PendingFile>& files, const SynthRequest& request,
-                            const VirtualSensor& sensor) {
+                            const CameraView& view) {
   for (int camera = 0; camera < 2; ++camera) {
     progress("rendering phase-shift frames of camera " + std::to_string(camera));
-    const std::vector<cv::Mat> frames = sensor.render_phase_shift(camera, request.light);
+    const std::vector<cv::Mat> frames = view.phase_shift(camera, request.light);
     for (std::size_t index = 0; index < frames.size(); ++index) {
       char name[32];
       std::snprintf(name, sizeof name, "cam%d_%02zu.png", camera, index);
@@ -72,11 +95,17 @@ void add_phase_shift_frames(std::vector<PendingFile>& files, const SynthRequest&
 }
 
 void add_textured_pair(std::vector<PendingFile>& files, const SynthRequest& request,
-                       const VirtualSensor& sensor) {
+                       const CameraView& view) {
   progress("rendering the textured pair");
   for (int camera = 0; camera < 2; ++camera) {
     add_png(files, path_in(request.out_dir, "cam" + std::to_string(camera) + ".png"),
-            sensor.render_textured(camera, request.light));
+            view.textured(camera, request.light));
+  }
+}
+
+void write_calibration(PendingDirectory& dir, const std::array<SimCamera, 2>& cameras) {
+  if (!write_calibration_directory(cameras, dir.temp_path())) {
+    throw file_error(dir.final_path(), "cannot write the calibration files");
   }
 }
 
@@ -88,18 +117,29 @@ int run_synth(const std::vector<std::string>& args) {
 
   Stopwatch watch;
   const VirtualSensor sensor(request.rig);
+  const std::array<SimCamera, 2> cameras = default_raw_cameras(request.rig);
+  const CameraView view{sensor, request.rectified ? nullptr : &cameras};
   // Everything is written under temporary names first and renamed at the
   // end, so an interrupted run leaves no half set behind.
   std::vector<PendingFile> files;
   files.reserve(2 * kPhaseShiftFrames + 3);
-  add_phase_shift_frames(files, request, sensor);
-  add_textured_pair(files, request, sensor);
-  files.emplace_back(path_in(request.out_dir, "q.yaml"));
-  files.back().write(q_matrix_yaml(sensor.ground_truth().q));
-  commit_all(files);
+  add_phase_shift_frames(files, request, view);
+  add_textured_pair(files, request, view);
+  const std::size_t captures = files.size();
+  if (request.rectified) {
+    files.emplace_back(path_in(request.out_dir, "q.yaml"));
+    files.back().write(q_matrix_yaml(sensor.ground_truth().q));
+    commit_all(files);
+  } else {
+    PendingDirectory calib(path_in(request.out_dir, kCalibSubdir));
+    write_calibration(calib, cameras);
+    commit_all(files);
+    calib.commit();
+  }
 
-  std::printf("wrote %zu files (%dx%d, focal %.1f px) to %s in %.0f ms\n", files.size(),
-              request.rig.width, request.rig.height, request.rig.focal_px,
+  std::printf("wrote %zu %s captures (%dx%d)%s to %s in %.0f ms\n", captures,
+              request.rectified ? "rectified" : "raw", request.rig.width, request.rig.height,
+              request.rectified ? " and q.yaml" : " and the calibration directory calib/",
               request.out_dir.c_str(), watch.elapsed_ms());
   return 0;
 }

@@ -13,10 +13,11 @@ const char kGeneral[] =
     "usage: sl3d <command> [options]\n"
     "\n"
     "Commands:\n"
-    "  scan    measure a directory of captures and write a PLY point cloud\n"
-    "  synth   render a test capture set with the virtual sensor\n"
-    "  demo    render, measure with both methods and compare with the truth\n"
-    "  help    show this text; 'sl3d <command> --help' shows a command's\n"
+    "  scan        measure a directory of captures and write a PLY point cloud\n"
+    "  synth       render a test capture set with the virtual sensor\n"
+    "  demo        render, measure with both methods and compare with the truth\n"
+    "  calib-info  show what a calibration directory holds and whether it loads\n"
+    "  help        show this text; 'sl3d <command> --help' shows a command's\n"
     "\n"
     "Exit status: 0 success, 1 runtime error (bad input, unwritable output),\n"
     "2 usage error. Errors are reported as one line on stderr.\n"
@@ -25,9 +26,14 @@ const char kGeneral[] =
 const char kScanHead[] =
     "usage: sl3d scan --method phaseshift|sgbm --images DIR --q FILE -o OUT.ply\n"
     "                 [--depth-png FILE] [--params FILE]\n"
+    "       sl3d scan --method phaseshift|sgbm --images DIR --calib DIR\n"
+    "                 [--mode 0|1|2] -o OUT.ply [--depth-png FILE] [--params FILE]\n"
     "\n"
     "Measures one capture and writes its points, with the range grid (camera 0's\n"
-    "pixel -> point), as a binary little-endian PLY file.\n"
+    "pixel -> point), as a binary little-endian PLY file. With --q the captures\n"
+    "are already rectified; with --calib they are raw and are rectified through\n"
+    "the calibration directory first, and points are in the left rectified\n"
+    "camera's frame.\n"
     "\n"
     "Options:\n"
     "  --method M         phaseshift: 13 projected frames per camera;\n"
@@ -35,6 +41,13 @@ const char kScanHead[] =
     "  --images DIR       directory of the captures (see below)\n"
     "  --q FILE           YAML file (OpenCV FileStorage) with the 4x4\n"
     "                     reprojection matrix under the key \"Q\"\n"
+    "  --calib DIR        calibration directory of raw captures: hmat0.dat,\n"
+    "                     hmat1.dat, rect.param (tried first) or cam0_param.yaml,\n"
+    "                     cam1_param.yaml; the captures must have the size it was\n"
+    "                     made for ('sl3d calib-info DIR' shows it)\n"
+    "  --mode M           with --calib only: triangulation 0 by Q (default),\n"
+    "                     1 by the closest approach of the two sight rays,\n"
+    "                     2 by least squares over both projection matrices\n"
     "  -o, --output FILE  the PLY file to write\n"
     "  --depth-png FILE   also write a colour-coded depth preview on camera 0's\n"
     "                     pixel grid: near blue, far red (2nd..98th percentile\n"
@@ -55,39 +68,71 @@ const char kScanTail[] =
     "  sgbm        cam0.png (left camera) and cam1.png (right camera).\n"
     "Other files in DIR are ignored, except phase-shift frames numbered 13 or\n"
     "more, which are refused. 'sl3d synth' writes such a directory.\n"
+    "Exactly one of --q and --calib is given.\n"
     "\n"
     "Outputs are written to a temporary name and renamed into place when\n"
     "complete; a failed run leaves no output file.\n";
 
 const char kSynth[] =
-    "usage: sl3d synth --out DIR [--width W] [--height H] [--noise SIGMA]\n"
-    "                  [--blur SIGMA]\n"
+    "usage: sl3d synth --out DIR [--rectified] [--width W] [--height H]\n"
+    "                  [--noise SIGMA] [--blur SIGMA]\n"
     "\n"
     "Renders the default scene (a tilted wall at about 1100 mm and a sphere in\n"
     "front of it) with the virtual sensor and writes, into DIR (created when\n"
     "missing), everything 'sl3d scan' reads:\n"
     "  cam0_00.png .. cam0_12.png, cam1_00.png .. cam1_12.png  phase-shift frames\n"
     "  cam0.png, cam1.png                                      textured pair\n"
-    "  q.yaml                                                  Q matrix (key \"Q\")\n"
+    "  calib/   by default: the captures are raw (two real cameras with lens\n"
+    "           distortion, not rectified) and calib/ is their calibration\n"
+    "           directory: 'sl3d scan --images DIR --calib DIR/calib'\n"
+    "  q.yaml   with --rectified: the captures come from an ideal rectified\n"
+    "           pair and q.yaml holds its Q: 'sl3d scan --q DIR/q.yaml'\n"
     "\n"
     "Options:\n"
     "  --out DIR       output directory\n"
+    "  --rectified     render the ideal rectified pair instead of raw cameras\n"
     "  --width W       image width, a multiple of 8 (default 1280)\n"
     "  --height H      image height, a multiple of 8 (default 1024)\n"
     "  --noise SIGMA   sensor noise in grey levels (default 1)\n"
     "  --blur SIGMA    Gaussian blur in pixels (default 0)\n"
-    "The focal length scales with the width (1400 px at 1280), so the scene\n"
-    "fills the view at any size.\n";
+    "The focal length scales with the width (about 1400 px at 1280), so the\n"
+    "scene fills the view at any size.\n";
 
 const char kDemo[] =
     "usage: sl3d demo [--out DIR]\n"
     "\n"
-    "Renders the default scene at 1280x1024, measures it with both methods and\n"
-    "writes into DIR (default out/demo): phaseshift.ply, sgbm.ply (with range\n"
-    "grids), phaseshift_depth.png and sgbm_depth.png. Prints per method the\n"
-    "points, coverage, the depth error against the rendered truth (RMS and\n"
-    "95th percentile of |z - z_true| in mm, and the count of errors above\n"
-    "10 mm) and the time per stage.\n";
+    "Renders the default scene at 1280x1024 through the virtual sensor's real,\n"
+    "distorted and unrectified cameras, writes their calibration directory to\n"
+    "DIR/calib (DIR defaults to out/demo), and measures from the raw captures:\n"
+    "each is rectified through the calibration, phase shift is triangulated in\n"
+    "modes 0, 1 and 2 and block matching in mode 0. Prints per method and mode\n"
+    "the points, coverage, the distance of the points to the true surface (RMS,\n"
+    "95th percentile in mm, and the count above 10 mm) and the time per stage.\n"
+    "Writes phaseshift.ply, sgbm.ply (mode 0, with range grids),\n"
+    "phaseshift_depth.png and sgbm_depth.png.\n";
+
+const char kCalibInfo[] =
+    "usage: sl3d calib-info DIR [--size WxH]\n"
+    "\n"
+    "Shows what the calibration directory DIR holds and whether it loads, file\n"
+    "by file, the way 'sl3d scan --calib' loads it:\n"
+    "  binary form    hmat0.dat, hmat1.dat (projection matrices of the left and\n"
+    "                 right rectified cameras), rect.param (their rectification\n"
+    "                 tables); tried first\n"
+    "  camera files   cam0_param.yaml, cam1_param.yaml (the raw cameras with\n"
+    "                 their distortion; rectified when loaded); tried second\n"
+    "  pair YAML form stereo_param.yaml, rect0.map, rect1.map; reported, but\n"
+    "                 not read by scan\n"
+    "Prints the image size, the raw cameras' focal lengths, and for the form\n"
+    "scan would use the rectified focal length, baseline, Q and whether the\n"
+    "maps load. Each missing or corrupt file gives one line on stderr.\n"
+    "\n"
+    "Options:\n"
+    "  --size WxH   raw image size to check against (default: as cam0_param.yaml\n"
+    "               or stereo_param.yaml states it; the binary form alone does\n"
+    "               not state it)\n"
+    "\n"
+    "Exit status 0 when the binary form or the camera files load, else 1.\n";
 
 // Fills lines up to 79 columns with the words of `text`, each line indented.
 std::string wrapped(const std::string& text, const std::string& indent) {
@@ -122,6 +167,7 @@ std::string command_usage(const std::string& command) {
   if (command == "scan") return scan_usage();
   if (command == "synth") return kSynth;
   if (command == "demo") return kDemo;
+  if (command == "calib-info") return kCalibInfo;
   if (command == "help") return kGeneral;
   return "";
 }
