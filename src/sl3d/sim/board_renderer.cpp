@@ -147,4 +147,13 @@ BoardPose board_pose_facing(const BoardLayout& layout, double distance, double t
   return pose;
 }
 
+std::vector<BoardRing> three_ring_base_markers(int i, int j, double hole_radius, bool mirrored) {
+  const int y_row = mirrored ? j + 1 : j - 1;
+  return {{i, j, hole_radius}, {i + 2, j, hole_radius}, {i, y_row, hole_radius}};
+}
+
+std::vector<BoardRing> one_ring_base_marker(int i, int j, double hole_radius) {
+  return {{i, j, hole_radius}};
+}
+
 }  // namespace sl3d

@@ -72,6 +72,20 @@ struct SL3D_EXPORT BoardRendering {
   std::vector<cv::Point2d> ellipse_centres;
 };
 
+// The ring base markers of the three-ring board family, with the origin
+// ring O at circle (i, j): X two columns further along the board's x,
+// (i + 2, j), with a plain circle between them, and Y next to O at
+// (i, j - 1). Seen with the board facing the camera (its x to the right,
+// its y down in the image), Y lies above the O-to-X line: the handedness the
+// recognizer accepts. `mirrored` puts Y at (i, j + 1), as on a board seen in
+// a mirror.
+SL3D_EXPORT std::vector<BoardRing> three_ring_base_markers(int i, int j, double hole_radius,
+                                                           bool mirrored = false);
+
+// The single ring base marker of the one-ring board family, the origin
+// circle, at circle (i, j).
+SL3D_EXPORT std::vector<BoardRing> one_ring_base_marker(int i, int j, double hole_radius);
+
 // Renders `layout` seen from `pose`. Samples behind the camera see the
 // background.
 SL3D_EXPORT BoardRendering render_board(const BoardLayout& layout, const BoardPose& pose,
