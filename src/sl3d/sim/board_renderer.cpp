@@ -6,6 +6,8 @@
 #include <opencv2/calib3d.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include <sl3d/sim/sensor_effects.h>
+
 namespace sl3d {
 
 namespace {
@@ -74,18 +76,8 @@ cv::Point2d conic_centre(const cv::Matx33d& h_inv, double x0, double y0, double 
 }
 
 cv::Mat finish(const cv::Mat& radiance, const BoardImaging& imaging) {
-  cv::Mat img = radiance;
-  if (imaging.blur_sigma_px > 0.0)
-    cv::GaussianBlur(radiance, img, cv::Size(0, 0), imaging.blur_sigma_px);
-  if (imaging.noise_sigma > 0.0) {
-    cv::Mat noise(img.size(), CV_32F);
-    cv::RNG rng(imaging.seed);
-    rng.fill(noise, cv::RNG::NORMAL, 0.0, imaging.noise_sigma);
-    img = img + noise;
-  }
-  cv::Mat out;
-  img.convertTo(out, CV_8U);  // rounds and saturates to 0..255
-  return out;
+  return detail::blur_noise_quantise(radiance, imaging.blur_sigma_px, imaging.noise_sigma,
+                                     imaging.seed);
 }
 
 }  // namespace

@@ -9,6 +9,8 @@
 #include <opencv2/calib3d.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include <sl3d/sim/sensor_effects.h>
+
 namespace sl3d {
 
 namespace {
@@ -72,19 +74,7 @@ double pattern(int frame, double u, int period_px, double fringe_contrast) {
 
 // Blur, sensor noise and quantisation of one rendered frame.
 cv::Mat finish_frame(const cv::Mat& radiance, const SimLight& light, std::uint64_t seed) {
-  cv::Mat img = radiance;
-  if (light.blur_sigma_px > 0.0) {
-    cv::GaussianBlur(radiance, img, cv::Size(0, 0), light.blur_sigma_px);
-  }
-  if (light.noise_sigma > 0.0) {
-    cv::Mat noise(img.size(), CV_32F);
-    cv::RNG rng(seed);
-    rng.fill(noise, cv::RNG::NORMAL, 0.0, light.noise_sigma);
-    img = img + noise;
-  }
-  cv::Mat out;
-  img.convertTo(out, CV_8U);  // rounds and saturates to 0..255
-  return out;
+  return detail::blur_noise_quantise(radiance, light.blur_sigma_px, light.noise_sigma, seed);
 }
 
 }  // namespace
