@@ -14,6 +14,7 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <map>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -525,6 +526,184 @@ TEST_F(CliTest, DemoMeasuresBothMethodsCloseToTheTruth) {
     EXPECT_LT(std::stod((*it)[3]), 5.0) << (*it)[0];
   }
   EXPECT_EQ(modes, "0120") << r.out;  // phase shift in every mode, then block matching
+}
+
+
+// Rows of a CSV file with a header line, as maps from column to text.
+std::vector<std::map<std::string, std::string>> read_csv(const fs::path& path) {
+  std::ifstream in(path);
+  std::string line;
+  std::vector<std::string> columns;
+  std::vector<std::map<std::string, std::string>> rows;
+  while (std::getline(in, line)) {
+    std::vector<std::string> cells;
+    std::stringstream fields(line);
+    for (std::string cell; std::getline(fields, cell, ',');) cells.push_back(cell);
+    if (columns.empty()) {
+      columns = cells;
+      continue;
+    }
+    std::map<std::string, std::string> row;
+    for (std::size_t c = 0; c < columns.size() && c < cells.size(); ++c) row[columns[c]] = cells[c];
+    rows.push_back(row);
+  }
+  return rows;
+}
+
+double number(const std::map<std::string, std::string>& row, const std::string& column) {
+  return std::stod(row.at(column));
+}
+
+std::vector<std::string> board_images(const fs::path& dir) {
+  std::vector<std::string> images;
+  for (const auto& entry : fs::directory_iterator(dir)) {
+    if (entry.path().extension() == ".png") images.push_back(entry.path().string());
+  }
+  std::sort(images.begin(), images.end());
+  return images;
+}
+
+// Every rendered view of both families is recognized with every circle at
+// its true marker index, board position and image centre.
+TEST_F(CliTest, DetectsSynthesizedBoardsAtTheirTrueCentres) {
+  for (const std::string family : {"pellux", "quill"}) {
+    SCOPED_TRACE(family);
+    const fs::path boards = root_ / ("boards_" + family);
+    const fs::path results = root_ / ("results_" + family);
+    RunResult r = run({"synth", "--boards", boards.string(), "--board", family, "--width", "640",
+                       "--height", "480", "--blur", "0.5"});
+    ASSERT_EQ(r.exit_code, 0) << r.err;
+    const std::vector<std::string> images = board_images(boards);
+    ASSERT_GE(images.size(), 6u);
+
+    std::vector<std::string> args = {"detect", "--board", family, "--params",
+                                     (boards / "board_params.yaml").string(), "--result-dir",
+                                     results.string()};
+    args.insert(args.end(), images.begin(), images.end());
+    r = run(args);
+    ASSERT_EQ(r.exit_code, 0) << r.out << r.err;
+    EXPECT_EQ(r.err, "");
+    for (const std::string& image : images) {
+      EXPECT_NE(r.out.find(image + ": 0 Success, 35/35 circles numbered\n"), std::string::npos)
+          << r.out;
+    }
+
+    std::map<std::pair<std::string, int>, std::map<std::string, std::string>> truth;
+    for (const auto& row : read_csv(boards / "truth.csv")) {
+      truth[{row.at("image"), std::stoi(row.at("index"))}] = row;
+    }
+    double worst = 0.0, worst_vs_ellipse = 0.0;
+    for (const std::string& image : images) {
+      const std::string stem = fs::path(image).stem().string();
+      const auto found = read_csv(results / (stem + "_points.csv"));
+      ASSERT_EQ(found.size(), 35u) << stem;
+      for (const auto& p : found) {
+        const auto& t = truth.at({stem + ".png", std::stoi(p.at("index"))});
+        // A wrong numbering puts a circle a whole spacing away.
+        worst = std::max(worst, std::hypot(number(p, "x") - number(t, "x"),
+                                           number(p, "y") - number(t, "y")));
+        worst_vs_ellipse =
+            std::max(worst_vs_ellipse, std::hypot(number(p, "x") - number(t, "ellipse_x"),
+                                                  number(p, "y") - number(t, "ellipse_y")));
+        EXPECT_EQ(number(p, "X"), number(t, "X")) << stem;
+        EXPECT_EQ(number(p, "Y"), number(t, "Y")) << stem;
+      }
+      const cv::Mat picture = cv::imread((results / (stem + "_result.png")).string(),
+                                         cv::IMREAD_UNCHANGED);
+      EXPECT_EQ(picture.type(), CV_8UC3) << stem;
+      EXPECT_EQ(picture.size(), cv::Size(640, 480)) << stem;
+    }
+    // The projected centre and the imaged ellipse's differ under
+    // perspective by up to a few tenths of a pixel at these tilts.
+    EXPECT_LT(worst, 0.6);
+    EXPECT_LT(worst_vs_ellipse, 0.35);
+  }
+}
+
+TEST_F(CliTest, DetectRefusesBadInputNamingTheFile) {
+  const fs::path boards = root_ / "boards_bad";
+  ASSERT_EQ(run({"synth", "--boards", boards.string(), "--views", "1", "--width", "640",
+                 "--height", "480"})
+                .exit_code,
+            0);
+  const std::string good = (boards / "board_00.png").string();
+  const std::string good_params = (boards / "board_params.yaml").string();
+  const fs::path files = empty_dir("detect_files");
+  auto detect = [&](const std::string& params, const fs::path& results,
+                    std::vector<std::string> images) {
+    std::vector<std::string> args = {"detect", "--board", "pellux", "--params", params,
+                                     "--result-dir", results.string()};
+    args.insert(args.end(), images.begin(), images.end());
+    return run(args);
+  };
+
+  // A bad key file stops everything before any image is looked at.
+  struct ParamsCase {
+    const char* what;
+    const char* text;  // null: no file
+    const char* culprit;
+  };
+  const std::vector<ParamsCase> params_cases = {
+      {"missing file", nullptr, "params.txt"},
+      {"unknown key", "unit_length: 20\nn_circles_x: 7\nn_circles_y: 5\nmin_raduis: 5\n",
+       "min_raduis"},
+      {"zero unit length", "unit_length: 0\nn_circles_x: 7\nn_circles_y: 5\n", "unit_length"},
+      {"no counts", "unit_length: 20  # mm\n", "n_circles_x"},
+      {"not a number", "unit_length: twenty\n", "unit_length"},
+      {"origin off the board", "unit_length: 20\nn_circles_x: 7\nn_circles_y: 5\norigin_x: 7\n",
+       "origin_x"},
+  };
+  for (const ParamsCase& c : params_cases) {
+    SCOPED_TRACE(c.what);
+    const fs::path params = files / "params.txt";
+    fs::remove(params);
+    if (c.text != nullptr) write_text(params, c.text);
+    const fs::path out = empty_dir("detect_out");
+    const RunResult r = detect(params.string(), out, {good});
+    expect_clean_failure(r, 1, c.culprit, out);
+    EXPECT_NE(r.err.find("params.txt"), std::string::npos) << r.err;
+    EXPECT_EQ(r.out, "");
+  }
+
+  // A bad image is reported in one line and the others still processed.
+  write_text(files / "corrupt.png", slurp(good).substr(0, 300));
+  const std::string corrupt = (files / "corrupt.png").string();
+  const std::string missing = (files / "missing.png").string();
+  for (const std::string& bad : {corrupt, missing}) {
+    SCOPED_TRACE(bad);
+    const fs::path out = empty_dir("detect_out");
+    const RunResult r = detect(good_params, out, {bad, good});
+    EXPECT_EQ(r.exit_code, 1);
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+    EXPECT_NE(r.err.find(bad), std::string::npos) << r.err;
+    EXPECT_NE(r.out.find(good + ": 0 Success"), std::string::npos) << r.out;
+    EXPECT_TRUE(fs::exists(out / "board_00_result.png"));
+    EXPECT_FALSE(fs::exists(out / (fs::path(bad).stem().string() + "_result.png")));
+  }
+
+  // A board that is not there is a result, not an error: exit 3 and no
+  // result files for it, not even an earlier run's.
+  const fs::path out = empty_dir("detect_out");
+  cv::imwrite((files / "blank.png").string(), cv::Mat(480, 640, CV_8UC1, cv::Scalar(128)));
+  write_text(out / "blank_result.png", "from an earlier run");
+  RunResult r = detect(good_params, out, {(files / "blank.png").string(), good});
+  EXPECT_EQ(r.exit_code, 3) << r.err;
+  EXPECT_EQ(r.err, "");
+  EXPECT_NE(r.out.find("blank.png: 2 Few_Contours, 0/35 circles numbered"), std::string::npos)
+      << r.out;
+  EXPECT_FALSE(fs::exists(out / "blank_result.png"));
+  EXPECT_FALSE(fs::exists(out / "blank_points.csv"));
+
+  // A result directory that cannot be made.
+  write_text(files / "a_file", "");
+  const fs::path not_a_dir = files / "a_file";
+  expect_clean_failure(detect(good_params, not_a_dir, {good}), 1, not_a_dir.string(), "");
+  expect_clean_failure(detect(good_params, not_a_dir / "sub", {good}), 1,
+                       (not_a_dir / "sub").string(), "");
+  expect_clean_failure(run({"detect", "--board", "square", "--params", good_params, good}), 2,
+                       "square", "");
+  expect_clean_failure(run({"detect", "--board", "pellux", "--params", good_params}), 2,
+                       "image", "");
 }
 
 }  // namespace

@@ -25,6 +25,7 @@ Command find_command(const std::string& name) {
   if (name == "synth") return run_synth;
   if (name == "demo") return run_demo;
   if (name == "calib-info") return run_calib_info;
+  if (name == "detect") return run_detect;
   return nullptr;
 }
 

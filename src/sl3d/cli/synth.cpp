@@ -1,6 +1,7 @@
 // `sl3d synth`: renders a capture directory that `sl3d scan` can read: raw
 // captures of the virtual sensor's real cameras with their calibration
-// directory, or with --rectified the ideal rectified pair with its Q.
+// directory, or with --rectified the ideal rectified pair with its Q; with
+// --boards views of a calibration board for `sl3d detect` instead.
 
 #include <cstdio>
 #include <filesystem>
@@ -13,6 +14,7 @@
 #include "errors.h"
 #include "io.h"
 #include "measure.h"
+#include "synth_boards.h"
 
 namespace fs = std::filesystem;
 
@@ -41,11 +43,43 @@ int checked_size(const ParsedArgs& parsed, const std::string& name, int fallback
   return size;
 }
 
-SynthRequest parse_synth_args(const std::vector<std::string>& args) {
+ParsedArgs parse_synth_options(const std::vector<std::string>& args) {
   const ParsedArgs parsed = parse_options(
       kCommand, args,
       {{"--out", true}, {"--width", true}, {"--height", true}, {"--noise", true}, {"--blur", true},
-       {"--rectified", false}});
+       {"--rectified", false}, {"--boards", true}, {"--board", true}, {"--views", true}});
+  if (parsed.has("--out") == parsed.has("--boards")) {
+    throw usage_error(kCommand, "give exactly one of --out and --boards");
+  }
+  const char* out_only = "--rectified";
+  const char* boards_only[] = {"--board", "--views"};
+  if (parsed.has("--boards") && parsed.has(out_only)) {
+    throw usage_error(kCommand, "--rectified goes with --out, not --boards");
+  }
+  for (const char* option : boards_only) {
+    if (parsed.has("--out") && parsed.has(option)) {
+      throw usage_error(kCommand, std::string(option) + " goes with --boards, not --out");
+    }
+  }
+  return parsed;
+}
+
+BoardSynthRequest board_request(const ParsedArgs& parsed) {
+  const SimRig rig;
+  const SimLight light;
+  BoardSynthRequest request;
+  request.dir = parsed.require("--boards");
+  request.family = parse_board_family(kCommand, parsed.get("--board", "pellux"));
+  request.views = parsed.get_int("--views", 0, 1, 100);
+  request.width = checked_size(parsed, "--width", rig.width);
+  request.height = checked_size(parsed, "--height", rig.height);
+  request.focal_px = kFocalPerWidth * request.width;
+  request.noise = parsed.get_double("--noise", light.noise_sigma, 0.0, 100.0);
+  request.blur = parsed.get_double("--blur", light.blur_sigma_px, 0.0, 50.0);
+  return request;
+}
+
+SynthRequest capture_request(const ParsedArgs& parsed) {
   SynthRequest request;
   request.out_dir = parsed.require("--out");
   request.rig.width = checked_size(parsed, "--width", request.rig.width);
@@ -109,10 +143,7 @@ void write_calibration(PendingDirectory& dir, const std::array<SimCamera, 2>& ca
   }
 }
 
-}  // namespace
-
-int run_synth(const std::vector<std::string>& args) {
-  const SynthRequest request = parse_synth_args(args);
+int run_captures(const SynthRequest& request) {
   prepare_output_directory(request.out_dir);
 
   Stopwatch watch;
@@ -142,6 +173,14 @@ int run_synth(const std::vector<std::string>& args) {
               request.rectified ? " and q.yaml" : " and the calibration directory calib/",
               request.out_dir.c_str(), watch.elapsed_ms());
   return 0;
+}
+
+}  // namespace
+
+int run_synth(const std::vector<std::string>& args) {
+  const ParsedArgs parsed = parse_synth_options(args);
+  if (parsed.has("--boards")) return run_synth_boards(board_request(parsed));
+  return run_captures(capture_request(parsed));
 }
 
 }  // namespace sl3d

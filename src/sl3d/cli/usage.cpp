@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "commands.h"
+#include "board_params.h"
 #include "params.h"
 
 namespace sl3d {
@@ -17,10 +18,12 @@ const char kGeneral[] =
     "  synth       render a test capture set with the virtual sensor\n"
     "  demo        render, measure with both methods and compare with the truth\n"
     "  calib-info  show what a calibration directory holds and whether it loads\n"
+    "  detect      recognize circle-marker calibration boards in images\n"
     "  help        show this text; 'sl3d <command> --help' shows a command's\n"
     "\n"
     "Exit status: 0 success, 1 runtime error (bad input, unwritable output),\n"
-    "2 usage error. Errors are reported as one line on stderr.\n"
+    "2 usage error, 3 (detect) a board was not recognized. Errors are\n"
+    "reported as one line on stderr.\n"
     "Options take their value as '--name value' or '--name=value'.\n";
 
 const char kScanHead[] =
@@ -76,6 +79,8 @@ const char kScanTail[] =
 const char kSynth[] =
     "usage: sl3d synth --out DIR [--rectified] [--width W] [--height H]\n"
     "                  [--noise SIGMA] [--blur SIGMA]\n"
+    "       sl3d synth --boards DIR [--board pellux|quill] [--views N]\n"
+    "                  [--width W] [--height H] [--noise SIGMA] [--blur SIGMA]\n"
     "\n"
     "Renders the default scene (a tilted wall at about 1100 mm and a sphere in\n"
     "front of it) with the virtual sensor and writes, into DIR (created when\n"
@@ -96,7 +101,59 @@ const char kSynth[] =
     "  --noise SIGMA   sensor noise in grey levels (default 1)\n"
     "  --blur SIGMA    Gaussian blur in pixels (default 0)\n"
     "The focal length scales with the width (about 1400 px at 1280), so the\n"
-    "scene fills the view at any size.\n";
+    "scene fills the view at any size.\n"
+    "\n"
+    "With --boards DIR (instead of --out) it renders a 7 x 5 circle board of\n"
+    "the family --board (default pellux), 20 mm spacing, dark circles, at\n"
+    "about 330 mm, and writes into DIR:\n"
+    "  board_00.png ..     one view per pose, 8-bit grey\n"
+    "  board_params.yaml   the key file 'sl3d detect' recognizes them with\n"
+    "  truth.csv           per view and circle: image, the marker index the\n"
+    "                      recognizer should give it, the projected true centre\n"
+    "                      x,y, the centre of the imaged ellipse ellipse_x,\n"
+    "                      ellipse_y, and the board position X,Y,Z in mm\n"
+    "  --views N  the first N poses (default all). pellux: 8 poses, nearly\n"
+    "             frontal (10 degrees), tilted up to 40 degrees and rolled all\n"
+    "             the way round; quill:\n"
+    "             8 poses, each turned 30-40 degrees about the board's vertical\n"
+    "             axis with a small tilt and roll, since that family takes its\n"
+    "             x axis from the ring's farthest neighbour.\n";
+
+const char kDetectHead[] =
+    "usage: sl3d detect --board pellux|quill --params FILE IMAGE...\n"
+    "                   [--result-dir DIR]\n"
+    "\n"
+    "Recognizes a circle-marker calibration board in each image and prints one\n"
+    "line per image: IMAGE: CODE NAME, N/TOTAL circles numbered. Codes:\n"
+    "0 Success, 1 ImageSize_Changed, 2 Few_Contours, 3 BaseMarker_NotFound,\n"
+    "4 N_BaseMarker_NotMatch, 5 BaseMarker_ClassifyFailure (pellux only).\n"
+    "Success with N below TOTAL means some circles were not reached.\n"
+    "\n"
+    "Options:\n"
+    "  --board F       pellux: three rings (origin, x axis, y axis);\n"
+    "                  quill: one ring, the origin\n"
+    "  --params FILE   the board and recognizer parameters: YAML as\n"
+    "                  cv::FileStorage writes it, or plain 'key: value' lines;\n"
+    "                  '#' starts a comment. Values are numbers (do_* keys 0\n"
+    "                  or 1, counts and bin_* whole numbers); keys left out\n"
+    "                  keep their defaults, unit_length, n_circles_x and\n"
+    "                  n_circles_y must be given. Keys:\n";
+
+const char kDetectTail[] =
+    "  --result-dir DIR  for each recognized image write STEM_result.png (the\n"
+    "                  numbered circles drawn in colour) and STEM_points.csv\n"
+    "                  (index,x,y,X,Y,Z of every numbered circle); DIR is\n"
+    "                  created when missing. Result files of an image that is\n"
+    "                  not recognized or not readable are removed.\n"
+    "\n"
+    "Images: 8-bit grey PNGs; colour and 16-bit PNGs are refused rather than\n"
+    "converted. Each image may have its own size. An image that cannot be\n"
+    "read gives one line on stderr and the others are still processed.\n"
+    "\n"
+    "Exit status: 0 every image read and recognized (code 0); 3 every image\n"
+    "read but at least one not recognized; 1 an image could not be read or a\n"
+    "result not written, or the params file is bad (then nothing is\n"
+    "processed); 2 usage error.\n";
 
 const char kDemo[] =
     "usage: sl3d demo [--out DIR]\n"
@@ -152,6 +209,13 @@ std::string wrapped(const std::string& text, const std::string& indent) {
   return out + line + "\n";
 }
 
+std::string detect_usage() {
+  const std::string indent(19, ' ');
+  return std::string(kDetectHead) + wrapped("pre-processing: " + pre_proc_keys(), indent) +
+         wrapped("circle search: " + circle_marker_keys(), indent) +
+         wrapped("board: " + calib_board_keys(), indent) + kDetectTail;
+}
+
 std::string scan_usage() {
   const std::string indent(23, ' ');
   return std::string(kScanHead) +
@@ -168,6 +232,7 @@ std::string command_usage(const std::string& command) {
   if (command == "synth") return kSynth;
   if (command == "demo") return kDemo;
   if (command == "calib-info") return kCalibInfo;
+  if (command == "detect") return detect_usage();
   if (command == "help") return kGeneral;
   return "";
 }
