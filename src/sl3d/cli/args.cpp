@@ -10,9 +10,9 @@ namespace sl3d {
 
 namespace {
 
-const OptionSpec* find_spec(const std::vector<OptionSpec>& specs, const std::string& arg) {
-  for (const OptionSpec& spec : specs) {
-    if (arg == spec.name || (!spec.alias.empty() && arg == spec.alias)) return &spec;
+const OptionDef* find_option(const std::vector<OptionDef>& options, const std::string& arg) {
+  for (const OptionDef& option : options) {
+    if (arg == option.name || (!option.alias.empty() && arg == option.alias)) return &option;
   }
   return nullptr;
 }
@@ -67,7 +67,7 @@ double ParsedArgs::get_double(const std::string& name, double fallback, double l
 }
 
 ParsedArgs parse_options(const std::string& command, const std::vector<std::string>& args,
-                         const std::vector<OptionSpec>& specs) {
+                         const std::vector<OptionDef>& options) {
   ParsedArgs parsed(command);
   for (std::size_t i = 0; i < args.size(); ++i) {
     std::string arg = args[i];
@@ -78,21 +78,21 @@ ParsedArgs parse_options(const std::string& command, const std::vector<std::stri
       value = arg.substr(eq + 1);
       arg.resize(eq);
     }
-    const OptionSpec* spec = find_spec(specs, arg);
-    if (spec == nullptr) {
+    const OptionDef* option = find_option(options, arg);
+    if (option == nullptr) {
       const bool looks_like_option = !arg.empty() && arg[0] == '-';
       throw usage_error(command, std::string(looks_like_option ? "unknown option '"
                                                                : "unexpected argument '") +
                                      arg + "'");
     }
-    if (spec->takes_value && !inline_value) {
-      if (i + 1 >= args.size()) throw usage_error(command, spec->name + " needs a value");
+    if (option->takes_value && !inline_value) {
+      if (i + 1 >= args.size()) throw usage_error(command, option->name + " needs a value");
       value = args[++i];
-    } else if (!spec->takes_value && inline_value) {
-      throw usage_error(command, spec->name + " takes no value");
+    } else if (!option->takes_value && inline_value) {
+      throw usage_error(command, option->name + " takes no value");
     }
-    if (parsed.has(spec->name)) throw usage_error(command, spec->name + " given twice");
-    parsed.set(spec->name, value);
+    if (parsed.has(option->name)) throw usage_error(command, option->name + " given twice");
+    parsed.set(option->name, value);
   }
   return parsed;
 }

@@ -10,7 +10,7 @@
 
 namespace sl3d {
 
-struct OptionSpec {
+struct OptionDef {
   std::string name;        // e.g. "--output"
   bool takes_value;
   std::string alias = "";  // e.g. "-o"
@@ -35,7 +35,7 @@ class ParsedArgs {
 };
 
 ParsedArgs parse_options(const std::string& command, const std::vector<std::string>& args,
-                         const std::vector<OptionSpec>& specs);
+                         const std::vector<OptionDef>& options);
 
 // True when the arguments ask for help (--help or -h anywhere).
 bool wants_help(const std::vector<std::string>& args);

@@ -19,21 +19,21 @@ namespace {
 
 enum class KeyKind { kBool, kInt, kReal };
 
-struct KeySpec {
+struct KeyDef {
   const char* name;
   KeyKind kind;
 };
 
-const std::vector<KeySpec> kPreProcKeys = {
+const std::vector<KeyDef> kPreProcKeys = {
     {"do_reverse_bw", KeyKind::kBool},  {"do_equalize_hist", KeyKind::kBool},
     {"do_smoothing", KeyKind::kBool},   {"bin_type", KeyKind::kInt},
     {"bin_param0", KeyKind::kInt},      {"bin_param1", KeyKind::kInt},
     {"gamma_correction", KeyKind::kReal}};
-const std::vector<KeySpec> kCircleMarkerKeys = {
+const std::vector<KeyDef> kCircleMarkerKeys = {
     {"fitscore", KeyKind::kReal},   {"n_minimum", KeyKind::kInt},
     {"max_radius", KeyKind::kReal}, {"min_radius", KeyKind::kReal},
     {"debug_show_scale", KeyKind::kReal}};
-const std::vector<KeySpec> kCalibBoardKeys = {
+const std::vector<KeyDef> kCalibBoardKeys = {
     {"unit_length", KeyKind::kReal}, {"n_circles_x", KeyKind::kInt},
     {"n_circles_y", KeyKind::kInt},  {"origin_x", KeyKind::kInt},
     {"origin_y", KeyKind::kInt},     {"distance_between_circles", KeyKind::kReal}};
@@ -44,14 +44,14 @@ struct ParsedFile {
   KeyMap pre, marker, board;
 };
 
-std::string joined(const std::vector<KeySpec>& keys) {
+std::string joined(const std::vector<KeyDef>& keys) {
   std::string names;
-  for (const KeySpec& key : keys) names += (names.empty() ? "" : ", ") + std::string(key.name);
+  for (const KeyDef& key : keys) names += (names.empty() ? "" : ", ") + std::string(key.name);
   return names;
 }
 
-const KeySpec* find_key(const std::vector<KeySpec>& keys, const std::string& name) {
-  for (const KeySpec& key : keys) {
+const KeyDef* find_key(const std::vector<KeyDef>& keys, const std::string& name) {
+  for (const KeyDef& key : keys) {
     if (name == key.name) return &key;
   }
   return nullptr;
@@ -95,13 +95,13 @@ void check_kind(const std::string& path, int line, const std::string& key, KeyKi
 
 // The record a key belongs to, or null when no record has it.
 KeyMap* record_of(ParsedFile& parsed, const std::string& key, KeyKind& kind) {
-  const std::pair<const std::vector<KeySpec>*, KeyMap*> records[] = {
+  const std::pair<const std::vector<KeyDef>*, KeyMap*> records[] = {
       {&kPreProcKeys, &parsed.pre},
       {&kCircleMarkerKeys, &parsed.marker},
       {&kCalibBoardKeys, &parsed.board}};
   for (const auto& record : records) {
-    if (const KeySpec* spec = find_key(*record.first, key)) {
-      kind = spec->kind;
+    if (const KeyDef* def = find_key(*record.first, key)) {
+      kind = def->kind;
       return record.second;
     }
   }

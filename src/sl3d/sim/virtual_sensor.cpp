@@ -331,7 +331,7 @@ std::array<SimCamera, 2> default_raw_cameras(const SimRig& rig) {
     cv::Vec<double, 5> distortion;
     cv::Vec3d rotation;  // Rodrigues, cam_from_world
     cv::Vec3d center;
-  } spec[2] = {
+  } camera_setup[2] = {
       {1410.0, 1405.0, 6.0, -4.0, {-0.12, 0.08, 0.0006, -0.0004, -0.02},
        {0.004, -0.012, 0.003}, {0.0, 0.0, 0.0}},
       {1395.0, 1398.0, -5.0, 7.0, {-0.10, 0.06, -0.0005, 0.0003, -0.01},
@@ -340,14 +340,14 @@ std::array<SimCamera, 2> default_raw_cameras(const SimRig& rig) {
   for (int i = 0; i < 2; ++i) {
     SimCamera& c = cams[i];
     c.size = cv::Size(rig.width, rig.height);
-    c.K = cv::Matx33d(spec[i].fx * scale, 0.0, rig.cx() + spec[i].cx_offset * scale,
-                      0.0, spec[i].fy * scale, rig.cy() + spec[i].cy_offset * scale,
+    c.K = cv::Matx33d(camera_setup[i].fx * scale, 0.0, rig.cx() + camera_setup[i].cx_offset * scale,
+                      0.0, camera_setup[i].fy * scale, rig.cy() + camera_setup[i].cy_offset * scale,
                       0.0, 0.0, 1.0);
-    c.distortion = spec[i].distortion;
+    c.distortion = camera_setup[i].distortion;
     cv::Mat r;
-    cv::Rodrigues(spec[i].rotation, r);
+    cv::Rodrigues(camera_setup[i].rotation, r);
     c.cam_from_world_R = cv::Matx33d(r);
-    c.cam_from_world_t = -(c.cam_from_world_R * spec[i].center);
+    c.cam_from_world_t = -(c.cam_from_world_R * camera_setup[i].center);
   }
   return cams;
 }
