@@ -27,10 +27,7 @@ inline const Captures& captures(int width, int height) {
   auto it = cache.find({width, height});
   if (it != cache.end()) return it->second;
   cv::setNumThreads(1);
-  SimRig rig;
-  rig.width = width;
-  rig.height = height;
-  rig.focal_px = 1400.0 * width / 1280.0;
+  SimRig rig = SimRig::scaled(width, height);
   const VirtualSensor sensor(rig);
   Captures c;
   for (int camera = 0; camera < 2; ++camera) {

@@ -11,9 +11,6 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: calibration_fixture DIR\n");
     return 2;
   }
-  sl3d::SimRig rig;
-  rig.width = 64;
-  rig.height = 48;
-  rig.focal_px = 70.0;
+  sl3d::SimRig rig = sl3d::SimRig::scaled(64, 48);
   return sl3d::write_calibration_directory(sl3d::default_raw_cameras(rig), argv[1]) ? 0 : 1;
 }

@@ -172,10 +172,7 @@ double percentile(std::vector<double> values, double fraction) {
 }
 
 TEST_F(CliTest, ScansSynthesizedCapturesToTheTrueDepth) {
-  sl3d::SimRig rig;
-  rig.width = kWidth;
-  rig.height = kHeight;
-  rig.focal_px = 1400.0 * kWidth / 1280;  // as synth scales it
+  sl3d::SimRig rig = sl3d::SimRig::scaled(kWidth, kHeight);  // as synth scales it
   const cv::Mat truth = sl3d::VirtualSensor(rig).ground_truth().depth;
 
   // The default SGBM range of 256 disparities would leave only 64 usable
@@ -331,10 +328,7 @@ TEST_F(CliTest, RefusesUnwritableOutputAndBadUsage) {
 // calibration directory synth writes: every point must lie on a true
 // surface of the scene, in every triangulation mode.
 TEST_F(CliTest, ScansRawCapturesThroughTheCalibrationOntoTheTrueSurfaces) {
-  sl3d::SimRig rig;
-  rig.width = kWidth;
-  rig.height = kHeight;
-  rig.focal_px = 1400.0 * kWidth / 1280;
+  sl3d::SimRig rig = sl3d::SimRig::scaled(kWidth, kHeight);  // as synth scales it
   const sl3d::VirtualSensor sensor(rig);
   const std::array<sl3d::SimCamera, 2> cameras = sl3d::default_raw_cameras(rig);
   const fs::path calib = raw_dir() / "calib";

@@ -16,10 +16,7 @@ using testing::depth_error;
 using testing::DepthError;
 
 SimRig small_rig() {
-  SimRig rig;
-  rig.width = 640;
-  rig.height = 512;
-  rig.focal_px = 700.0;
+  SimRig rig = SimRig::scaled(640, 512);
   return rig;
 }
 

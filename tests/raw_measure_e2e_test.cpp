@@ -24,10 +24,7 @@ namespace {
 namespace fs = std::filesystem;
 
 SimRig rig_640() {
-  SimRig rig;
-  rig.width = 640;
-  rig.height = 512;
-  rig.focal_px = 700.0;
+  SimRig rig = SimRig::scaled(640, 512);
   return rig;
 }
 

@@ -21,10 +21,7 @@ namespace {
 namespace fs = std::filesystem;
 
 sl3d::SimRig small_rig() {
-  sl3d::SimRig rig;
-  rig.width = 320;
-  rig.height = 256;
-  rig.focal_px = 350.0;
+  sl3d::SimRig rig = sl3d::SimRig::scaled(320, 256);
   return rig;
 }
 

@@ -25,8 +25,6 @@ namespace {
 const char kCommand[] = "synth";
 constexpr int kMinSize = 64;
 constexpr int kMaxSize = 8192;
-// Focal length per pixel of width: the default rig's 1400 px at 1280.
-constexpr double kFocalPerWidth = 1400.0 / 1280.0;
 
 struct SynthRequest {
   std::string out_dir;
@@ -73,7 +71,8 @@ BoardSynthRequest board_request(const ParsedArgs& parsed) {
   request.views = parsed.get_int("--views", 0, 1, 100);
   request.width = checked_size(parsed, "--width", rig.width);
   request.height = checked_size(parsed, "--height", rig.height);
-  request.focal_px = kFocalPerWidth * request.width;
+  // Board views use the focal length the capture rig has at this size.
+  request.focal_px = SimRig::scaled(request.width, request.height).focal_px;
   request.noise = parsed.get_double("--noise", light.noise_sigma, 0.0, 100.0);
   request.blur = parsed.get_double("--blur", light.blur_sigma_px, 0.0, 50.0);
   return request;
@@ -82,9 +81,9 @@ BoardSynthRequest board_request(const ParsedArgs& parsed) {
 SynthRequest capture_request(const ParsedArgs& parsed) {
   SynthRequest request;
   request.out_dir = parsed.require("--out");
-  request.rig.width = checked_size(parsed, "--width", request.rig.width);
-  request.rig.height = checked_size(parsed, "--height", request.rig.height);
-  request.rig.focal_px = kFocalPerWidth * request.rig.width;
+  const int width = checked_size(parsed, "--width", request.rig.width);
+  const int height = checked_size(parsed, "--height", request.rig.height);
+  request.rig = SimRig::scaled(width, height);
   request.light.noise_sigma = parsed.get_double("--noise", request.light.noise_sigma, 0.0, 100.0);
   request.light.blur_sigma_px = parsed.get_double("--blur", request.light.blur_sigma_px, 0.0, 50.0);
   request.rectified = parsed.has("--rectified");

@@ -267,10 +267,7 @@ class CalibrationDirectory : public ::testing::Test {
            ("sl3d_pcg_" + std::to_string(::getpid()) + "_" +
             ::testing::UnitTest::GetInstance()->current_test_info()->name());
     std::filesystem::create_directories(dir_);
-    sl3d::SimRig rig;
-    rig.width = 64;
-    rig.height = 48;
-    rig.focal_px = 70.0;
+    sl3d::SimRig rig = sl3d::SimRig::scaled(64, 48);
     cameras_ = sl3d::default_raw_cameras(rig);
   }
   void TearDown() override { std::filesystem::remove_all(dir_); }

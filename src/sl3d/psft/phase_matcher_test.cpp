@@ -135,10 +135,7 @@ TEST(PhaseMatcher, UsedUpPixelsPassTheMatchToTheNextBest) {
 }
 
 TEST(PhaseMatcher, EqualsTheScanOnRenderedCaptures) {
-  sl3d::SimRig rig;
-  rig.width = 320;
-  rig.height = 96;
-  rig.focal_px = 350.0;
+  sl3d::SimRig rig = sl3d::SimRig::scaled(320, 96);
   const sl3d::VirtualSensor sensor(rig);
   sl3d::SimLight light;
   light.noise_sigma = 2.0;

@@ -85,6 +85,14 @@ struct VirtualSensor::Hit {
   cv::Vec3d normal;
 };
 
+SimRig SimRig::scaled(int width, int height) {
+  SimRig rig;
+  rig.focal_px = rig.focal_px * width / rig.width;
+  rig.width = width;
+  rig.height = height;
+  return rig;
+}
+
 SimScene SimScene::default_scene() {
   SimScene scene;
   scene.planes.push_back({cv::Vec3d(0, 0, 1100), cv::Vec3d(0.15, -0.10, -1.0)});

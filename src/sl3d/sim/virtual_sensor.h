@@ -57,6 +57,10 @@ struct SL3D_EXPORT SimRig {
   double baseline_mm = 100.0;   // camera 1 at +x
   int projector_period_px = 16; // projector pixels per stripe period
 
+  // The default rig at another image size: the focal length scales with
+  // the width (1400 px at 1280), so the scene fills the view alike.
+  static SimRig scaled(int width, int height);
+
   // Principal point of both cameras (image centre).
   double cx() const { return (width - 1) / 2.0; }
   double cy() const { return (height - 1) / 2.0; }

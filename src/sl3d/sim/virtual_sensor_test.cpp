@@ -17,10 +17,7 @@ namespace sl3d {
 namespace {
 
 SimRig small_rig() {
-  SimRig rig;
-  rig.width = 320;
-  rig.height = 256;
-  rig.focal_px = 350.0;
+  SimRig rig = SimRig::scaled(320, 256);
   return rig;
 }
 
