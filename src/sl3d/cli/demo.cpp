@@ -32,28 +32,29 @@ struct RenderedCapture {
   double render_ms = 0.0;
 };
 
-RenderedCapture render_phase_shift(const VirtualSensor& sensor,
-                                   const std::array<SimCamera, 2>& cameras) {
-  progress("rendering raw phase-shift frames");
+// Renders both cameras' frames with `frames_of` and times it.
+template <typename FramesOf>
+RenderedCapture render_capture(const char* what, FramesOf frames_of) {
+  progress(std::string("rendering ") + what);
   Stopwatch watch;
   RenderedCapture rendered;
-  for (int camera = 0; camera < 2; ++camera) {
-    rendered.capture.frames[camera] = sensor.render_phase_shift(cameras[camera]);
-  }
+  for (int camera = 0; camera < 2; ++camera) rendered.capture.frames[camera] = frames_of(camera);
   rendered.render_ms = watch.elapsed_ms();
   return rendered;
 }
 
+RenderedCapture render_phase_shift(const VirtualSensor& sensor,
+                                   const std::array<SimCamera, 2>& cameras) {
+  return render_capture("raw phase-shift frames", [&](int camera) {
+    return sensor.render_phase_shift(cameras[camera]);
+  });
+}
+
 RenderedCapture render_textured_pair(const VirtualSensor& sensor,
                                      const std::array<SimCamera, 2>& cameras) {
-  progress("rendering the raw textured pair");
-  Stopwatch watch;
-  RenderedCapture rendered;
-  for (int camera = 0; camera < 2; ++camera) {
-    rendered.capture.frames[camera] = {sensor.render_textured(cameras[camera])};
-  }
-  rendered.render_ms = watch.elapsed_ms();
-  return rendered;
+  return render_capture("the raw textured pair", [&](int camera) {
+    return std::vector<cv::Mat>{sensor.render_textured(cameras[camera])};
+  });
 }
 
 std::string write_calibration(const std::string& out_dir, const std::array<SimCamera, 2>& cameras) {
