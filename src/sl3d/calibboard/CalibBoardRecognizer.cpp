@@ -94,10 +94,11 @@ int CalibBoardRecognizer::corresponding_points(const std::vector<cv::Point2f>& p
                                                std::vector<cv::Point3f>& out3d) {
   out2d.clear();
   out3d.clear();
-  for (int k = 0; k < n_markers; ++k) {
-    if (points[std::size_t(k)].x == FLT_MAX) continue;
-    out2d.push_back(points[std::size_t(k)]);
-    out3d.push_back(positions3d[std::size_t(k)]);
+  const std::size_t n = std::min(std::size_t(n_markers), points.size());
+  for (std::size_t k = 0; k < n; ++k) {
+    if (points[k].x == FLT_MAX) continue;
+    out2d.push_back(points[k]);
+    out3d.push_back(positions3d[k]);
   }
   return static_cast<int>(out2d.size());
 }
@@ -110,8 +111,8 @@ int CalibBoardRecognizer::corresponding_points(const std::vector<cv::Point2f>& p
   out0.clear();
   out1.clear();
   out3d.clear();
-  for (int k = 0; k < n_markers; ++k) {
-    const std::size_t i = std::size_t(k);
+  const std::size_t n = std::min({std::size_t(n_markers), points0.size(), points1.size()});
+  for (std::size_t i = 0; i < n; ++i) {
     if (points0[i].x == FLT_MAX || points1[i].x == FLT_MAX) continue;
     out0.push_back(points0[i]);
     out1.push_back(points1[i]);

@@ -95,7 +95,9 @@ class SL3D_EXPORT CalibBoardRecognizer : public iCalibBoardRecognizer,
   cv::Point3f get_3d_position(int index) const override;
   // Empties the outputs and appends, for every marker index k whose point
   // is found (x not exactly FLT_MAX; NaN counts as found), points[k] and
-  // positions3d[k]. `points` needs n_markers entries. Returns the count.
+  // positions3d[k]. `points` should hold n_markers entries, as recognize
+  // leaves it; entries it lacks count as not found, so an empty list (an
+  // image without a result) pairs nothing. Returns the count.
   int corresponding_points(const std::vector<cv::Point2f>& points,
                            std::vector<cv::Point2f>& out2d,
                            std::vector<cv::Point3f>& out3d) override;

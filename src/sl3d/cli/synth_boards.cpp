@@ -34,13 +34,6 @@ BoardCamera board_camera(const BoardSynthRequest& request) {
   return camera;
 }
 
-// Half the frontal radius of a ring's hole in pixels leaves room for the
-// holes of tilted views, capped at the library's usual 5 px.
-double min_radius_for(const BoardSynthRequest& request) {
-  const double hole_px = kSynthHoleRadius * request.focal_px / kDistanceMm;
-  return std::min(5.0, std::floor(hole_px * 0.5 * 10.0) / 10.0);
-}
-
 std::string view_name(int view) {
   char name[32];
   std::snprintf(name, sizeof name, "board_%02d.png", view);
@@ -63,14 +56,15 @@ void add_truth_rows(std::ostringstream& csv, const std::string& image, const Syn
 }  // namespace
 
 int run_synth_boards(const BoardSynthRequest& request) {
-  const std::vector<ViewAngles>& views = synth_views(request.family);
+  const std::vector<ViewAngles>& views = board_views(request.family);
   const int count = request.views == 0 ? static_cast<int>(views.size()) : request.views;
   if (count < 1 || count > static_cast<int>(views.size())) {
     throw usage_error("synth", "--views expects 1 to " + std::to_string(views.size()) +
                                    " for " + family_name(request.family));
   }
   prepare_output_directory(request.dir);
-  const SynthBoard board = synth_board(request.family, min_radius_for(request));
+  const SynthBoard board = synth_board(
+      request.family, min_radius_for(BoardGrid::detection(), request.focal_px, kDistanceMm));
   BoardImaging imaging;
   imaging.noise_sigma = request.noise;
   imaging.blur_sigma_px = request.blur;

@@ -17,6 +17,7 @@
 #include <opencv2/core.hpp>
 
 #include <sl3d/export.h>
+#include <sl3d/sim/virtual_sensor.h>
 
 namespace sl3d {
 
@@ -91,6 +92,38 @@ SL3D_EXPORT std::vector<BoardRing> one_ring_base_marker(int i, int j, double hol
 SL3D_EXPORT BoardRendering render_board(const BoardLayout& layout, const BoardPose& pose,
                                         const BoardCamera& camera = BoardCamera(),
                                         const BoardImaging& imaging = BoardImaging());
+
+// A real camera of the virtual sensor (lens distortion, pose in the world)
+// looking at boards placed in the world.
+//
+// Use it to render the board views of a calibration, where the true
+// intrinsics, distortion and pose are known. The sample rays are worked out
+// once, on construction: inverting the lens model is the costly part of a
+// view, and every view reuses them. It fixes its own supersampling; that of
+// BoardImaging is not used.
+class SL3D_EXPORT DistortedBoardCamera {
+ public:
+  DistortedBoardCamera(const SimCamera& camera, int supersampling = 2);
+
+  // `layout` placed at world_from_board (board point Xb is at
+  // R * Xb + t in the world). Centres: the projections through the lens of
+  // the circle centre and of the undistorted image ellipse's centre (the
+  // lens bends the ellipse slightly, far below a pixel at usual sizes).
+  BoardRendering render(const BoardLayout& layout, const BoardPose& world_from_board,
+                        const BoardImaging& imaging = BoardImaging()) const;
+
+  // The pose of a board at world_from_board relative to this camera.
+  BoardPose cam_from_board(const BoardPose& world_from_board) const;
+
+  const SimCamera& camera() const { return camera_; }
+
+ private:
+  std::vector<cv::Point2d> distort(const std::vector<cv::Point3d>& normalized) const;
+
+  SimCamera camera_;
+  int supersampling_;
+  std::vector<cv::Point2f> rays_;  // normalised (x, y) per pixel sample, row-major
+};
 
 // A pose that looks at the board's middle from `distance` along the
 // camera's axis, after tilting the board by `tilt_x_deg` about its x axis

@@ -2,7 +2,7 @@
 
 #include <opencv2/calib3d.hpp>
 
-#include <sl3d/camera/stereo_camera.h>
+#include <sl3d/calibrator/calibration_directory.h>
 
 namespace sl3d {
 
@@ -36,22 +36,14 @@ bool write_camera_files(const std::array<SimCamera, 2>& cameras, const std::stri
   DistortCamera cams[2] = {DistortCamera(cv::Size(0, 0), "cam0"),
                            DistortCamera(cv::Size(0, 0), "cam1")};
   calibrated_pair(cameras, cams);
-  for (int i = 0; i < 2; ++i) {
-    cv::FileStorage fs(dir + "/" + cams[i].name + "_param.yaml", cv::FileStorage::WRITE);
-    if (!fs.isOpened() || !cams[i].save(&fs)) return false;
-  }
-  return true;
+  return store_camera_files(cams, dir);
 }
 
 bool write_calibration_directory(const std::array<SimCamera, 2>& cameras, const std::string& dir) {
-  if (!write_camera_files(cameras, dir)) return false;
   DistortCamera cams[2] = {DistortCamera(cv::Size(0, 0), "cam0"),
                            DistortCamera(cv::Size(0, 0), "cam1")};
   calibrated_pair(cameras, cams);
-  StereoCamera pair(cams, -1.0, 0, cv::Size(0, 0), cv::Scalar(0, 0, 0, 0), cv::Scalar(0, 0, 0, 0));
-  return store_StereoCamera_to_Hmats(&pair, dir + "/hmat0.dat", dir + "/hmat1.dat",
-                                     dir + "/rect.param") &&
-         pair.save(dir);
+  return store_calibration_directory(cams, dir);
 }
 
 }  // namespace sl3d

@@ -1,0 +1,284 @@
+// The calibration drivers on exact synthetic observations: marker lists
+// made by projecting the board's true positions through a known camera, so
+// every result can be checked against the camera that made them. One real
+// recognition gives the recognizer its image size, as it would in use.
+
+#include <gtest/gtest.h>
+
+#include <cfloat>
+#include <cmath>
+
+#include <opencv2/calib3d.hpp>
+
+#include <sl3d/calibboard/PelluxCalibBoardRecognizer.h>
+#include <sl3d/calibboard/QuillCalibBoardRecognizer.h>
+#include <sl3d/calibrator/calibrator.h>
+#include <sl3d/sim/board_families.h>
+
+namespace {
+
+using Views = std::vector<std::vector<cv::Point2f>>;
+
+constexpr int kWidth = 640, kHeight = 480;
+
+struct TrueCamera {
+  cv::Matx33d K;
+  cv::Vec<double, 5> D;
+};
+
+const TrueCamera kLeft{{800, 0, 322, 0, 805, 236, 0, 0, 1}, {-0.1, 0.05, 0.001, -0.001, 0}};
+const TrueCamera kRight{{790, 0, 315, 0, 792, 245, 0, 0, 1}, {-0.08, 0.03, 0, 0.001, 0}};
+const cv::Vec3d kRightFromLeftRvec(0.01, -0.03, 0.005);
+const cv::Vec3d kRightFromLeftT(-100.0, 1.0, 2.0);
+
+class Calibrator : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    board_ = sl3d::synth_board(sl3d::BoardFamily::kPellux, 5.0);
+    configure();
+  }
+
+  // Sets the drivers' parameters to cp_, which makes a new recognizer; one
+  // recognition then fixes the image size the drivers calibrate for.
+  void configure() {
+    ASSERT_TRUE(calib_.set_parameters(cp_, board_.board, board_.marker, board_.pre));
+    sl3d::BoardCamera camera;
+    camera.width = kWidth;
+    camera.height = kHeight;
+    cv::Mat image = sl3d::render_board(board_.layout,
+                                       sl3d::board_pose_facing(board_.layout, 330, 10, 8, 3),
+                                       camera).image;
+    std::vector<cv::Point2f> points;
+    ASSERT_EQ(calib_.recognizer->recognize(image, points), 0);
+    ASSERT_EQ(calib_.recognizer->image_size(), cv::Size(kWidth, kHeight));
+  }
+
+  // The board seen from pose k of a fixed set, all markers found; with
+  // `right` the same board through the right camera.
+  std::vector<cv::Point2f> view(int k, bool right = false) const {
+    const double a = 0.35 * std::sin(1.7 * k), b = 0.35 * std::cos(2.3 * k);
+    const cv::Vec3d rvec(a, b, 0.2 * k);
+    const cv::Vec3d tvec(-60 + 15 * (k % 3), -50 + 12 * (k % 4), 420 + 25 * k);
+    std::vector<cv::Point3f> board;
+    const int n = board_.board.n_circles_x * board_.board.n_circles_y;
+    for (int i = 0; i < n; ++i) board.push_back(calib_.recognizer->get_3d_position(i));
+    std::vector<cv::Point2f> image;
+    if (!right) {
+      cv::projectPoints(board, rvec, tvec, kLeft.K, kLeft.D, image);
+      return image;
+    }
+    cv::Matx33d r_board, r_rel;
+    cv::Rodrigues(rvec, r_board);
+    cv::Rodrigues(kRightFromLeftRvec, r_rel);
+    cv::Vec3d rvec_right;
+    cv::Rodrigues(r_rel * r_board, rvec_right);
+    cv::projectPoints(board, rvec_right, r_rel * tvec + kRightFromLeftT, kRight.K, kRight.D,
+                      image);
+    return image;
+  }
+
+  // Keeps `count` (at most 5) markers spread over the board, no three in a
+  // line; the rest become FLT_MAX.
+  static std::vector<cv::Point2f> keep_only(const std::vector<cv::Point2f>& points, int count) {
+    std::vector<cv::Point2f> kept(points.size(), cv::Point2f(FLT_MAX, FLT_MAX));
+    for (int k = 0; k < count; ++k) kept[k * 7] = points[k * 7];
+    return kept;
+  }
+
+  Views views(int count, bool right = false) const {
+    Views out;
+    for (int k = 0; k < count; ++k) out.push_back(view(k, right));
+    return out;
+  }
+
+  static DistortCamera camera(const char* name) { return DistortCamera(cv::Size(0, 0), name); }
+
+  sl3d::SynthBoard board_;
+  CameraCalibParams cp_;
+  StereoCalib calib_;
+};
+
+void expect_intrinsics(const DistortCamera& cam, const TrueCamera& truth, double tolerance) {
+  for (int r = 0; r < 2; ++r)
+    for (int c = 0; c < 3; ++c) EXPECT_NEAR(cam.K(r, c), truth.K(r, c), tolerance) << r << c;
+}
+
+TEST_F(Calibrator, IntrinsicRecoversTheCameraAndReportsLeftOutViewsAsNaN) {
+  Views points = views(8);
+  points[2] = keep_only(points[2], 4);  // 4 correspondences: left out
+  points[5] = keep_only(points[5], 5);  // 5: used
+  points.insert(points.begin() + 6, std::vector<cv::Point2f>());  // no result
+  DistortCamera cam = camera("cam0");
+  // A pose from before: calibration composes P from it and keeps it.
+  cv::Mat_<double> ppm = (cv::Mat_<double>(3, 4) << 1, 0, 0, 5, 0, 1, 0, 6, 0, 0, 1, 7);
+  cam.setPPM(ppm);
+
+  std::vector<double> errors;
+  double rms = -1;
+  ASSERT_TRUE(calib_.calib_intrinsic(cam, points, errors, &rms));
+  EXPECT_EQ(cam.size, cv::Size(kWidth, kHeight));
+  expect_intrinsics(cam, kLeft, 1e-3);
+  for (int i = 0; i < 5; ++i) EXPECT_NEAR(cam.D(i), kLeft.D[i], 1e-3) << i;
+  EXPECT_LT(rms, 1e-3);
+  ASSERT_EQ(errors.size(), points.size());
+  for (std::size_t i = 0; i < errors.size(); ++i) {
+    if (i == 2 || i == 6) {
+      EXPECT_TRUE(std::isnan(errors[i])) << i;
+    } else {
+      EXPECT_LT(errors[i], 1e-3) << i;
+    }
+  }
+  EXPECT_NEAR(cam.P(0, 3), 800 * 5 + 322 * 7, 1e-2);  // composed from T
+  EXPECT_EQ(cam.get_center().at<double>(0), -5.0);
+}
+
+TEST_F(Calibrator, IntrinsicFailsWithoutAViewOfFivePoints) {
+  Views points = {keep_only(view(0), 4), {}, keep_only(view(1), 3)};
+  DistortCamera cam = camera("cam0");
+  const cv::Mat_<double> k_before = cam.K.clone();
+  std::vector<double> errors = {1.0};
+  EXPECT_FALSE(calib_.calib_intrinsic(cam, points, errors, nullptr));
+  EXPECT_EQ(cam.size, cv::Size(kWidth, kHeight));  // set before the check
+  EXPECT_EQ(cv::norm(cam.K, k_before, cv::NORM_INF), 0.0);
+  EXPECT_EQ(errors.size(), 1u);
+}
+
+TEST_F(Calibrator, IntrinsicGuessPresetsTheFocalLengthAtTheImageCentre) {
+  const Views points = views(6);
+  cp_.flags = cv::CALIB_USE_INTRINSIC_GUESS | cv::CALIB_FIX_FOCAL_LENGTH |
+              cv::CALIB_FIX_PRINCIPAL_POINT;
+  cp_.focal_length = 900.0;
+  configure();
+  DistortCamera guessed = camera("cam0");
+  std::vector<double> errors;
+  Views copy = points;
+  ASSERT_TRUE(calib_.calib_intrinsic(guessed, copy, errors, nullptr));
+  EXPECT_EQ(guessed.K(0, 0), 900.0);
+  EXPECT_EQ(guessed.K(1, 1), 900.0);
+  EXPECT_EQ(guessed.K(0, 2), kWidth * 0.5);
+  EXPECT_EQ(guessed.K(1, 2), kHeight * 0.5);
+}
+
+TEST_F(Calibrator, IntrinsicGuessWithoutAFocalLengthRunsAsIfNotAsked) {
+  cp_.flags = cv::CALIB_USE_INTRINSIC_GUESS | cv::CALIB_FIX_ASPECT_RATIO;
+  cp_.focal_length = 0.0;
+  configure();
+  Views points = views(6);
+  DistortCamera with_flag = camera("cam0");
+  // A K that the guess would use, and that must be ignored.
+  with_flag.K = (cv::Mat_<double>(3, 3) << 500, 0, 100, 0, 500, 100, 0, 0, 1);
+  std::vector<double> errors;
+  ASSERT_TRUE(calib_.calib_intrinsic(with_flag, points, errors, nullptr));
+
+  cp_.flags = cv::CALIB_FIX_ASPECT_RATIO;
+  configure();
+  // Without a guess the aspect ratio is fixed at that of the given K.
+  DistortCamera without_flag = camera("cam0");
+  without_flag.K = (cv::Mat_<double>(3, 3) << 500, 0, 100, 0, 500, 100, 0, 0, 1);
+  ASSERT_TRUE(calib_.calib_intrinsic(without_flag, points, errors, nullptr));
+  EXPECT_EQ(cv::norm(with_flag.K, without_flag.K, cv::NORM_INF), 0.0);
+  EXPECT_EQ(cv::norm(with_flag.D, without_flag.D, cv::NORM_INF), 0.0);
+}
+
+TEST_F(Calibrator, StereoRecoversThePoseFromTheCommonPrefixOfUnevenLists) {
+  std::vector<Views> points = {views(9), views(6, true)};
+  // Views 6..8 of the left camera have no partner; view 1 loses its right
+  // image, and the left camera's view 4 has only 5 markers.
+  points[1][1].clear();
+  points[0][4] = keep_only(points[0][4], 5);
+  std::vector<DistortCamera> cams = {camera("cam0"), camera("cam1")};
+  std::vector<std::vector<double>> errors(2);
+  double rms = -1;
+  ASSERT_EQ(calib_.exec(cams, points, errors, &rms), 0);
+  EXPECT_LT(rms, 1e-3);
+  EXPECT_EQ(errors[0].size(), 9u);
+  EXPECT_EQ(errors[1].size(), 6u);
+  EXPECT_TRUE(std::isnan(errors[1][1]));
+  expect_intrinsics(cams[0], kLeft, 1e-2);
+  expect_intrinsics(cams[1], kRight, 1e-2);
+  cv::Matx33d r_true;
+  cv::Rodrigues(kRightFromLeftRvec, r_true);
+  EXPECT_LT(cv::norm(cv::Mat(r_true) - cams[1].R, cv::NORM_INF), 1e-6);
+  EXPECT_LT(cv::norm(cv::Mat(kRightFromLeftT) - cams[1].T, cv::NORM_INF), 1e-3);
+  // The left camera keeps its pose: the pair's frame is its own.
+  EXPECT_EQ(cv::norm(cams[0].R, cv::Mat_<double>::eye(3, 3), cv::NORM_INF), 0.0);
+  EXPECT_EQ(cv::norm(cams[0].T, cv::NORM_INF), 0.0);
+  // compose() put the relative pose into the right camera's projection but
+  // not into RT/RT_inv: the centre still answers from the identity pose.
+  EXPECT_EQ(cv::norm(cams[1].get_center(), cv::NORM_INF), 0.0);
+  EXPECT_NEAR(cams[1].P(0, 3), cams[1].K(0, 0) * cams[1].T.at<double>(0) +
+                                   cams[1].K(0, 2) * cams[1].T.at<double>(2), 1e-6);
+}
+
+TEST_F(Calibrator, StereoUsesAViewWithOnlyAFewCommonMarkers) {
+  std::vector<Views> points = {views(6), views(6, true)};
+  // Three markers in common: too few for OpenCV, which refuses the set
+  // rather than the view being skipped.
+  points[1][3] = keep_only(points[1][3], 3);
+  std::vector<DistortCamera> cams = {camera("cam0"), camera("cam1")};
+  std::vector<double> errors;
+  ASSERT_TRUE(calib_.calib_intrinsic(cams[0], points[0], errors, nullptr));
+  ASSERT_TRUE(calib_.calib_intrinsic(cams[1], points[1], errors, nullptr));
+  EXPECT_THROW(calib_.calib_extrinsic(cams, points, cv::CALIB_FIX_INTRINSIC, nullptr),
+               cv::Exception);
+}
+
+TEST_F(Calibrator, ExecReportsWhichStepFailed) {
+  std::vector<DistortCamera> cams = {camera("cam0"), camera("cam1")};
+  std::vector<std::vector<double>> errors(2);
+  // Left camera without a usable view: 1, the right camera untouched.
+  std::vector<Views> no_left = {{keep_only(view(0), 4)}, views(5, true)};
+  EXPECT_EQ(calib_.exec(cams, no_left, errors, nullptr), 1);
+  EXPECT_EQ(cams[1].size, cv::Size(0, 0));
+  EXPECT_TRUE(errors[1].empty());
+
+  // Both cameras calibrate, but no view has both images: 2.
+  std::vector<Views> disjoint = {views(6), views(6, true)};
+  for (int k = 0; k < 6; ++k) disjoint[k % 2][k].clear();
+  double rms = -1;
+  EXPECT_EQ(calib_.exec(cams, disjoint, errors, &rms), 2);
+  EXPECT_EQ(rms, -1);
+  EXPECT_EQ(errors[0].size(), 6u);
+  EXPECT_TRUE(std::isnan(errors[0][0]));
+  EXPECT_FALSE(std::isnan(errors[0][1]));
+
+  std::vector<DistortCamera> one_camera = {camera("cam0")};
+  EXPECT_EQ(calib_.exec(one_camera, disjoint, errors, nullptr), 1);
+}
+
+TEST(CalibratorSetup, BoardTypeChoosesTheFamilyAndRefusedBoardsKeepTheOldSettings) {
+  sl3d::SynthBoard board = sl3d::synth_board(sl3d::BoardFamily::kQuill, 5.0);
+  CameraCalibParams cp;
+  cp.param0 = 1.5;
+  cp.param1 = -2.5;
+  cp.focal_length = 1000;
+  cp.flags = cv::CALIB_FIX_K3;
+  CameraCalib pellux;
+  CameraCalib quill(1);
+  EXPECT_EQ(pellux.recognizer, nullptr);
+  ASSERT_TRUE(pellux.set_parameters(cp, board.board, board.marker, board.pre));
+  ASSERT_TRUE(quill.set_parameters(cp, board.board, board.marker, board.pre));
+  EXPECT_NE(dynamic_cast<PelluxCalibBoardRecognizer*>(pellux.recognizer), nullptr);
+  EXPECT_NE(dynamic_cast<QuillCalibBoardRecognizer*>(quill.recognizer), nullptr);
+  EXPECT_EQ(quill.param0, 1.5);
+  EXPECT_EQ(quill.param1, -2.5);
+  EXPECT_EQ(quill.focal_length, 1000);
+  EXPECT_EQ(quill.flags, cv::CALIB_FIX_K3);
+
+  CameraCalibParams other;
+  CalibBoardParams no_board = board.board;
+  no_board.unit_length = 0.0;
+  EXPECT_FALSE(quill.set_parameters(other, no_board, board.marker, board.pre));
+  EXPECT_NE(quill.recognizer, nullptr);
+  EXPECT_NE(dynamic_cast<QuillCalibBoardRecognizer*>(quill.recognizer), nullptr);
+  EXPECT_EQ(quill.focal_length, 1000);  // cp not copied
+  EXPECT_EQ(quill.flags, cv::CALIB_FIX_K3);
+
+  DistortCamera cam(cv::Size(0, 0), "cam0");
+  std::vector<std::vector<cv::Point2f>> points;
+  std::vector<double> errors;
+  CameraCalib unset;
+  EXPECT_FALSE(unset.calib_intrinsic(cam, points, errors, nullptr));
+}
+
+}  // namespace
