@@ -129,21 +129,17 @@ const std::vector<ViewAngles>& calibration_views(BoardFamily family) {
       {0, 40, 270},   {-35, 20, -60}, {20, -30, 135}, {-20, -40, 225},
       {-15, 25, 20},  {35, 10, -20},  {15, -15, 45}, {-30, -10, 300}};
   static const std::vector<ViewAngles> quill = {
-      {10, 40, 0},  {15, -35, 8},  {12, 30, -10}, {10, -40, -5},
-      {14, 35, 6},  {12, -32, -8}, {8, 38, 10},   {15, 32, 3},
-      {-10, 36, 4}, {-12, -34, -6}, {-8, 31, -3}, {-14, -38, 5}};
+      {12, -35, -8}, {12, 35, 8},  {12, -30, -8}, {12, 35, 0},  {12, -30, 8}, {18, 35, 0},
+      {18, -30, -8}, {12, 30, -8}, {18, -30, 0},  {12, 30, 8},  {12, -40, -8}, {12, 40, 0}};
   return family == BoardFamily::kPellux ? pellux : quill;
 }
 
-int wrong_markers(const SynthBoard& board, const BoardRendering& rendering,
-                  const std::vector<cv::Point2f>& points, double tolerance_px) {
+int misnumbered_markers(const SynthBoard& board, const BoardRendering& rendering,
+                        const std::vector<cv::Point2f>& points, double tolerance_px) {
   int wrong = 0;
   for (std::size_t c = 0; c < rendering.centres.size(); ++c) {
     const int index = board.truth_index[c];
-    if (index < 0 || std::size_t(index) >= points.size() || points[index].x == FLT_MAX) {
-      ++wrong;
-      continue;
-    }
+    if (index < 0 || std::size_t(index) >= points.size() || points[index].x == FLT_MAX) continue;
     const cv::Point2d p(points[index].x, points[index].y);
     if (!(cv::norm(p - rendering.centres[c]) <= tolerance_px)) ++wrong;
   }

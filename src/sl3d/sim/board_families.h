@@ -83,13 +83,16 @@ struct SL3D_EXPORT ViewAngles {
 // drops circles over pixel-level differences.
 SL3D_EXPORT const std::vector<ViewAngles>& board_views(BoardFamily family);
 
-// Twelve orientations for a calibration set, varied in tilt and roll.
+// Twelve orientations for a calibration set (calibration_poses), varied in
+// tilt and roll. Those of the one-ring family are the ones its recognizer
+// numbers right at the poses calibration_poses makes of them, for the
+// virtual sensor's cameras at 640 x 512 and 1280 x 1024.
 SL3D_EXPORT const std::vector<ViewAngles>& calibration_views(BoardFamily family);
 
-// Circles a recognition got wrong: those whose entry in `points` (by the
-// recognizer's marker index) is missing, unfound or farther than
-// `tolerance_px` from the rendered centre.
-SL3D_EXPORT int wrong_markers(const SynthBoard& board, const BoardRendering& rendering,
+// Circles a recognition misnumbered: those found (an entry of `points`, by
+// the recognizer's marker index, that is not FLT_MAX) farther than
+// `tolerance_px` from the rendered centre. Circles not found do not count.
+SL3D_EXPORT int misnumbered_markers(const SynthBoard& board, const BoardRendering& rendering,
                               const std::vector<cv::Point2f>& points, double tolerance_px);
 
 }  // namespace sl3d

@@ -4,7 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+
+#include <opencv2/calib3d.hpp>
 
 #include <sl3d/sim/board_renderer.h>
 
@@ -56,6 +59,51 @@ TEST(BoardRenderer, TiltedBoardEllipseCentresLieBeyondTheProjectedCentres) {
     EXPECT_GT(offset.dot(near_side), 0.0) << k;
     EXPECT_LT(cv::norm(offset), 1.0);
   }
+}
+
+// Without distortion and at the world origin, a real camera sees what the
+// pinhole renderer draws; with distortion its centres are the lens's
+// projections of the true circle centres.
+TEST(BoardRenderer, RealCameraMatchesThePinholeAndProjectsThroughItsLens) {
+  BoardLayout layout;
+  layout.rings = {{2, 1, 3.0}};
+  const sl3d::BoardPose pose = sl3d::board_pose_facing(layout, 400.0, 20.0, -15.0, 30.0);
+  const sl3d::BoardCamera pinhole;
+  sl3d::SimCamera camera;
+  camera.size = cv::Size(pinhole.width, pinhole.height);
+  camera.K = cv::Matx33d(pinhole.fx, 0, pinhole.cx, 0, pinhole.fy, pinhole.cy, 0, 0, 1);
+  sl3d::BoardImaging imaging;
+  imaging.supersampling = 2;
+  const sl3d::BoardRendering expected = sl3d::render_board(layout, pose, pinhole, imaging);
+  const sl3d::BoardRendering ideal = sl3d::DistortedBoardCamera(camera, 2).render(layout, pose);
+  EXPECT_LE(cv::norm(expected.image, ideal.image, cv::NORM_INF), 1.0);
+  for (size_t k = 0; k < expected.centres.size(); ++k) {
+    EXPECT_LT(cv::norm(expected.centres[k] - ideal.centres[k]), 1e-6);
+    EXPECT_LT(cv::norm(expected.ellipse_centres[k] - ideal.ellipse_centres[k]), 1e-6);
+  }
+
+  // The same board placed in the world, seen by a moved, distorting camera.
+  camera.distortion = {-0.15, 0.08, 0.001, -0.0005, 0.0};
+  cv::Matx33d r;
+  cv::Rodrigues(cv::Vec3d(0.02, -0.05, 0.01), r);
+  camera.cam_from_world_R = r;
+  camera.cam_from_world_t = cv::Vec3d(-10.0, 5.0, 3.0);
+  const sl3d::BoardRendering bent = sl3d::DistortedBoardCamera(camera, 2).render(layout, pose);
+  cv::Matx33d world_from_board;
+  cv::Rodrigues(pose.rvec, world_from_board);
+  double largest_bend = 0.0;
+  for (int j = 0; j < layout.circles_y; ++j) {
+    for (int i = 0; i < layout.circles_x; ++i) {
+      const cv::Vec3d world =
+          world_from_board * cv::Vec3d(i * layout.spacing, j * layout.spacing, 0) + pose.tvec;
+      const size_t k = size_t(j * layout.circles_x + i);
+      EXPECT_LT(cv::norm(bent.centres[k] - camera.project(world)), 1e-6);
+      largest_bend = std::max(largest_bend, cv::norm(bent.centres[k] - ideal.centres[k]));
+      // The drawn circle is where its centre says: dark at the centre.
+      if (k != 1 * 7 + 2) EXPECT_EQ(at(bent.image, bent.centres[k]), imaging.dark) << k;
+    }
+  }
+  EXPECT_GT(largest_bend, 3.0);  // the lens and the pose do move the circles
 }
 
 }  // namespace

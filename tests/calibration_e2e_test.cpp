@@ -1,0 +1,266 @@
+// Calibration end to end on the virtual sensor: board views rendered by
+// both real cameras (true intrinsics, distortion and pose known) are
+// recognised and calibrated through the public interface, and what the
+// calibration finds is compared with the truth, then used to measure.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+
+#include <unistd.h>
+
+#include <opencv2/calib3d.hpp>
+
+#include <sl3d/calibrator/calibration_directory.h>
+#include <sl3d/calibrator/calibrator.h>
+#include <sl3d/camera/stereo_camera.h>
+#include <sl3d/pointcloud/PointCloudGenerator.h>
+#include <sl3d/sim/calibration_set.h>
+#include <sl3d/sim/sim_calibration.h>
+
+namespace sl3d {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int kWidth = 640, kHeight = 512;
+constexpr double kNearMm = 600.0, kFarMm = 1000.0;
+
+struct Calibration {
+  int code = -1;
+  std::vector<DistortCamera> cams = {DistortCamera(cv::Size(0, 0), "cam0"),
+                                     DistortCamera(cv::Size(0, 0), "cam1")};
+  std::vector<std::vector<double>> errors = std::vector<std::vector<double>>(2);
+  double rms = -1.0;
+  int recognised = 0;
+  int wrong_markers = 0;
+};
+
+// Renders the family's calibration set, recognises every image and
+// calibrates the pair.
+Calibration calibrate(BoardFamily family, const std::array<SimCamera, 2>& cameras) {
+  const BoardGrid grid = BoardGrid::calibration();
+  const SynthBoard board = synth_board(family, min_radius_for(grid, cameras[0].K(0, 0), kFarMm), grid);
+  const std::vector<BoardPose> poses =
+      calibration_poses(cameras, board.layout, calibration_views(family), kNearMm, kFarMm);
+  BoardImaging imaging;
+  imaging.noise_sigma = 1.0;
+  imaging.blur_sigma_px = 0.5;
+  const std::vector<StereoBoardView> views =
+      render_calibration_set(cameras, board.layout, poses, imaging);
+
+  Calibration result;
+  StereoCalib calib(board_type(family));
+  CameraCalibParams cp;
+  cp.flags = 0;  // the stereo step refines both cameras' intrinsics with the pose
+  SynthBoard records = board;
+  EXPECT_TRUE(calib.set_parameters(cp, records.board, records.marker, records.pre));
+  std::vector<std::vector<std::vector<cv::Point2f>>> points(2);
+  for (std::size_t k = 0; k < views.size(); ++k) {
+    for (int c = 0; c < 2; ++c) {
+      cv::Mat image = views[k].images[c].image.clone();
+      std::vector<cv::Point2f> found;
+      const int code = calib.recognizer->recognize(image, found);
+      if (code == 0) {
+        ++result.recognised;
+        const int wrong = misnumbered_markers(board, views[k].images[c], found, 1.0);
+        result.wrong_markers += wrong;
+        if (wrong) std::printf("view %zu cam %d: %d wrong\n", k, c, wrong);
+      } else {
+        std::printf("view %zu cam %d: code %d\n", k, c, code);
+        found.clear();
+      }
+      points[c].push_back(found);
+    }
+  }
+  result.code = calib.exec(result.cams, points, result.errors, &result.rms);
+  return result;
+}
+
+// How far, in pixels, the calibrated camera puts the rays of the true one:
+// each pixel of a 16-px grid is turned into its true ray (true K and
+// distortion) and projected with the calibrated K and distortion.
+struct PixelError {
+  double rms = 0.0;
+  double max = 0.0;
+};
+
+PixelError intrinsic_pixel_error(const DistortCamera& calibrated, const SimCamera& truth) {
+  std::vector<cv::Point2d> pixels, rays;
+  for (int v = 0; v < truth.size.height; v += 16)
+    for (int u = 0; u < truth.size.width; u += 16) pixels.emplace_back(u, v);
+  cv::undistortPoints(pixels, rays, cv::Mat(truth.K), cv::Mat(truth.distortion), cv::noArray(),
+                      cv::noArray(),
+                      cv::TermCriteria(cv::TermCriteria::COUNT | cv::TermCriteria::EPS, 50, 1e-12));
+  std::vector<cv::Point3d> rays3;
+  for (const cv::Point2d& r : rays) rays3.emplace_back(r.x, r.y, 1.0);
+  std::vector<cv::Point2d> projected;
+  cv::projectPoints(rays3, cv::Vec3d(0, 0, 0), cv::Vec3d(0, 0, 0), calibrated.K, calibrated.D,
+                    projected);
+  PixelError e;
+  for (std::size_t i = 0; i < pixels.size(); ++i) {
+    const double d = cv::norm(projected[i] - pixels[i]);
+    e.rms += d * d;
+    e.max = std::max(e.max, d);
+  }
+  e.rms = std::sqrt(e.rms / pixels.size());
+  return e;
+}
+
+// The calibration against the truth.
+struct PairError {
+  double focal[2][2];      // per camera: fx, fy, calibrated minus true, px
+  double principal[2][2];  // per camera: cx, cy
+  PixelError pixels[2];
+  double baseline_mm;      // length of T, calibrated minus true
+  double rotation_deg;     // angle between calibrated and true cam1_from_cam0
+};
+
+PairError pair_error(const Calibration& r, const std::array<SimCamera, 2>& truth) {
+  DistortCamera true_pair[2] = {DistortCamera(cv::Size(0, 0), "cam0"),
+                                DistortCamera(cv::Size(0, 0), "cam1")};
+  calibrated_pair(truth, true_pair);
+  PairError e;
+  for (int c = 0; c < 2; ++c) {
+    const cv::Mat_<double>& k = r.cams[c].K;
+    e.focal[c][0] = k(0, 0) - truth[c].K(0, 0);
+    e.focal[c][1] = k(1, 1) - truth[c].K(1, 1);
+    e.principal[c][0] = k(0, 2) - truth[c].K(0, 2);
+    e.principal[c][1] = k(1, 2) - truth[c].K(1, 2);
+    e.pixels[c] = intrinsic_pixel_error(r.cams[c], truth[c]);
+  }
+  e.baseline_mm = cv::norm(r.cams[1].T) - cv::norm(true_pair[1].T);
+  cv::Vec3d rvec;
+  cv::Rodrigues(cv::Mat(r.cams[1].R * true_pair[1].R.t()), rvec);
+  e.rotation_deg = cv::norm(rvec) * 180.0 / CV_PI;
+  return e;
+}
+
+int used_views(const std::vector<double>& errors) {
+  int used = 0;
+  for (double e : errors) used += std::isnan(e) ? 0 : 1;
+  return used;
+}
+
+struct SurfaceError {
+  int points = 0;
+  double median = 0.0;
+  double p95 = 0.0;
+};
+
+class CalibrationE2E : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    cameras_ = default_raw_cameras(SimRig::scaled(kWidth, kHeight));
+  }
+
+  // Measures raw phase-shift captures of the scene through the calibration
+  // directory `dir` and compares every point with the true surfaces. Points
+  // come out in the left rectified camera's frame of that calibration.
+  static SurfaceError scan_error(const std::string& dir) {
+    static const VirtualSensor sensor(SimRig::scaled(kWidth, kHeight));
+    static const std::vector<cv::Mat> frames[2] = {sensor.render_phase_shift(cameras_[0]),
+                                                   sensor.render_phase_shift(cameras_[1])};
+    auto* gen = static_cast<PointCloudGenerator*>(createPointCloudGenerator(0));
+    gen->verbose = 0;
+    EXPECT_TRUE(gen->init(kWidth, kHeight));
+    EXPECT_TRUE(gen->set_camera_params(dir.c_str()));
+    for (int c = 0; c < 2; ++c) {
+      for (int i = 0; i < 13; ++i) {
+        cv::Mat frame = frames[c][i].clone();
+        gen->rectify(frame.data, frame.cols, frame.rows, frame.step, c);
+        gen->setpict(frame.data, frame.step, c, i);
+      }
+    }
+    gen->exec();
+    gen->genPC(0);
+
+    StereoCamera pair(cv::Size(0, 0));
+    EXPECT_TRUE(pair.load(dir));
+    const cv::Matx33d world_from_rect =
+        cam0_from_world(cameras_).t() * cv::Matx33d(cv::Mat(pair.cam0_R2)).t();
+    std::vector<double> d;
+    const PointCloudElement* p = gen->get_pointcloud_ptr();
+    for (int i = 0; i < gen->get_pointcloud_cnt(); ++i) {
+      d.push_back(
+          sensor.distance_to_scene(world_from_rect * cv::Vec3d(p[i].x, p[i].y, p[i].z)));
+    }
+    gen->destroy();
+    SurfaceError e;
+    e.points = static_cast<int>(d.size());
+    if (d.empty()) return e;
+    std::sort(d.begin(), d.end());
+    e.median = d[d.size() / 2];
+    e.p95 = d[d.size() * 95 / 100];
+    return e;
+  }
+
+  static std::array<SimCamera, 2> cameras_;
+};
+
+std::array<SimCamera, 2> CalibrationE2E::cameras_;
+
+// A directory beside the test's others, removed at the end of its scope.
+class TempDir {
+ public:
+  explicit TempDir(const std::string& name)
+      : path_(fs::temp_directory_path() / ("sl3d_" + name + "_" + std::to_string(::getpid()))) {
+    fs::create_directories(path_);
+  }
+  ~TempDir() { fs::remove_all(path_); }
+  std::string str() const { return path_.string(); }
+
+ private:
+  fs::path path_;
+};
+
+TEST_F(CalibrationE2E, BothBoardFamiliesRecoverTheTrueCameras) {
+  for (BoardFamily family : {BoardFamily::kPellux, BoardFamily::kQuill}) {
+    SCOPED_TRACE(family_name(family));
+    const Calibration r = calibrate(family, cameras_);
+    ASSERT_EQ(r.code, 0);
+    EXPECT_EQ(r.wrong_markers, 0);
+    EXPECT_GE(used_views(r.errors[0]), 10);
+    EXPECT_GE(used_views(r.errors[1]), 10);
+    EXPECT_LT(r.rms, 0.25);
+    const PairError e = pair_error(r, cameras_);
+    std::printf("%s: %d of 24 images recognised, stereo RMS %.3f px\n", family_name(family),
+                r.recognised, r.rms);
+    for (int c = 0; c < 2; ++c) {
+      std::printf("  cam%d: fx %+.3f, fy %+.3f, cx %+.3f, cy %+.3f px; pixel map RMS %.3f, "
+                  "max %.3f px\n",
+                  c, e.focal[c][0], e.focal[c][1], e.principal[c][0], e.principal[c][1],
+                  e.pixels[c].rms, e.pixels[c].max);
+      // 1.5 px of a 700 px focal length is 0.2 %.
+      for (double f : e.focal[c]) EXPECT_LT(std::fabs(f), 1.5);
+      for (double p : e.principal[c]) EXPECT_LT(std::fabs(p), 2.0);
+      EXPECT_LT(e.pixels[c].rms, 1.5);
+    }
+    std::printf("  baseline %+.4f mm, rotation %.4f deg\n", e.baseline_mm, e.rotation_deg);
+    EXPECT_LT(std::fabs(e.baseline_mm), 0.1);
+    EXPECT_LT(e.rotation_deg, 0.15);
+  }
+}
+
+TEST_F(CalibrationE2E, ScanWithTheRecoveredCalibrationIsAsGoodAsWithTheTrueOne) {
+  const Calibration r = calibrate(BoardFamily::kPellux, cameras_);
+  ASSERT_EQ(r.code, 0);
+  const TempDir recovered("recovered"), truth("true");
+  ASSERT_TRUE(store_calibration_directory(r.cams.data(), recovered.str()));
+  ASSERT_TRUE(write_calibration_directory(cameras_, truth.str()));
+  const SurfaceError with_truth = scan_error(truth.str());
+  const SurfaceError with_recovered = scan_error(recovered.str());
+  std::printf("distance to the true surface: true calibration median %.3f, p95 %.3f mm "
+              "(%d points); recovered calibration median %.3f, p95 %.3f mm (%d points)\n",
+              with_truth.median, with_truth.p95, with_truth.points, with_recovered.median,
+              with_recovered.p95, with_recovered.points);
+  EXPECT_GT(with_recovered.points, with_truth.points * 9 / 10);
+  EXPECT_LT(with_recovered.median, 2.0 * with_truth.median + 0.2);
+  EXPECT_LT(with_recovered.p95, 2.0 * with_truth.p95 + 0.5);
+}
+
+}  // namespace
+}  // namespace sl3d
