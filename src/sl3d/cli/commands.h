@@ -14,6 +14,7 @@ int run_synth(const std::vector<std::string>& args);
 int run_demo(const std::vector<std::string>& args);
 int run_calib_info(const std::vector<std::string>& args);
 int run_detect(const std::vector<std::string>& args);
+int run_calibrate(const std::vector<std::string>& args);
 
 // Help texts: the general one, or that of a command ("" when unknown).
 std::string general_usage();

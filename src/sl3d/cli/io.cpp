@@ -163,17 +163,41 @@ std::vector<unsigned char> encode_png(const cv::Mat& image, const std::string& p
   return bytes;
 }
 
-void check_output_path(const std::string& path) {
-  if (path.empty()) throw CliError("empty output path");
-  if (fs::path(path).filename().empty()) throw file_error(path, "output path has no file name");
+namespace {
+
+// The directory that will hold `path` must exist and be writable.
+void check_parent_writable(const std::string& path) {
   std::error_code ec;
-  if (fs::is_directory(path, ec)) throw file_error(path, "is a directory");
   const std::string dir = directory_of(path);
   if (!fs::exists(dir, ec)) throw file_error(path, "directory '" + dir + "' does not exist");
   if (!fs::is_directory(dir, ec)) throw file_error(path, "'" + dir + "' is not a directory");
   if (::access(dir.c_str(), W_OK) != 0) {
     throw file_error(path, "directory '" + dir + "' is not writable");
   }
+}
+
+}  // namespace
+
+void check_output_path(const std::string& path) {
+  if (path.empty()) throw CliError("empty output path");
+  if (fs::path(path).filename().empty()) throw file_error(path, "output path has no file name");
+  std::error_code ec;
+  if (fs::is_directory(path, ec)) throw file_error(path, "is a directory");
+  check_parent_writable(path);
+}
+
+std::string without_trailing_slashes(std::string path) {
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  return path;
+}
+
+void check_output_directory_path(const std::string& dir) {
+  if (dir.empty()) throw CliError("empty output directory");
+  std::error_code ec;
+  if (fs::exists(dir, ec) && !fs::is_directory(dir, ec)) {
+    throw file_error(dir, "exists and is not a directory");
+  }
+  check_parent_writable(without_trailing_slashes(dir));
 }
 
 void prepare_output_directory(const std::string& dir) {
@@ -233,7 +257,7 @@ void commit_all(std::vector<PendingFile>& files) {
 }
 
 PendingDirectory::PendingDirectory(std::string final_path)
-    : final_path_(std::move(final_path)),
+    : final_path_(without_trailing_slashes(std::move(final_path))),
       temp_path_(final_path_ + ".tmp" + std::to_string(::getpid())) {
   std::error_code ec;
   fs::remove_all(temp_path_, ec);

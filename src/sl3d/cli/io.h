@@ -33,6 +33,14 @@ std::vector<unsigned char> encode_png(const cv::Mat& image, const std::string& p
 // missing or not writable, or that names a directory.
 void check_output_path(const std::string& path);
 
+// Refuses, before any work is done, an output directory (made whole and
+// then swapped into place) that names a file or whose parent directory is
+// missing or not writable. An existing directory will be replaced.
+void check_output_directory_path(const std::string& dir);
+
+// "a/b/" -> "a/b"; "/" stays.
+std::string without_trailing_slashes(std::string path);
+
 // Creates `dir` (with parents) when missing and checks it is writable.
 void prepare_output_directory(const std::string& dir);
 

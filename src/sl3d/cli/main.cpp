@@ -26,6 +26,7 @@ Command find_command(const std::string& name) {
   if (name == "demo") return run_demo;
   if (name == "calib-info") return run_calib_info;
   if (name == "detect") return run_detect;
+  if (name == "calibrate") return run_calibrate;
   return nullptr;
 }
 

@@ -45,12 +45,12 @@ ParsedArgs parse_synth_options(const std::vector<std::string>& args) {
   const ParsedArgs parsed = parse_options(
       kCommand, args,
       {{"--out", true}, {"--width", true}, {"--height", true}, {"--noise", true}, {"--blur", true},
-       {"--rectified", false}, {"--boards", true}, {"--board", true}, {"--views", true}});
+       {"--rectified", false}, {"--boards", true}, {"--board", true}, {"--views", true}, {"--stereo", false}});
   if (parsed.has("--out") == parsed.has("--boards")) {
     throw usage_error(kCommand, "give exactly one of --out and --boards");
   }
   const char* out_only = "--rectified";
-  const char* boards_only[] = {"--board", "--views"};
+  const char* boards_only[] = {"--board", "--views", "--stereo"};
   if (parsed.has("--boards") && parsed.has(out_only)) {
     throw usage_error(kCommand, "--rectified goes with --out, not --boards");
   }
@@ -75,6 +75,7 @@ BoardSynthRequest board_request(const ParsedArgs& parsed) {
   request.focal_px = SimRig::scaled(request.width, request.height).focal_px;
   request.noise = parsed.get_double("--noise", light.noise_sigma, 0.0, 100.0);
   request.blur = parsed.get_double("--blur", light.blur_sigma_px, 0.0, 50.0);
+  request.stereo = parsed.has("--stereo");
   return request;
 }
 

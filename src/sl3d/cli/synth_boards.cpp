@@ -8,6 +8,8 @@
 #include <filesystem>
 #include <sstream>
 
+#include <sl3d/sim/sim_calibration.h>
+
 #include "board_family.h"
 #include "commands.h"
 #include "errors.h"
@@ -40,6 +42,11 @@ std::string view_name(int view) {
   return name;
 }
 
+// Distances of the calibration boards, millimetres: nearer than the scene
+// (about 1100 mm), as a board is usually held.
+constexpr double kCalibrationNearMm = 600.0;
+constexpr double kCalibrationFarMm = 1000.0;
+
 void add_truth_rows(std::ostringstream& csv, const std::string& image, const SynthBoard& board,
                     const BoardRendering& rendering) {
   char row[160];
@@ -55,7 +62,80 @@ void add_truth_rows(std::ostringstream& csv, const std::string& image, const Syn
 
 }  // namespace
 
+StereoBoardSet render_stereo_boards(BoardFamily family, int width, int height,
+                                    const BoardImaging& imaging) {
+  const SimRig rig = SimRig::scaled(width, height);
+  const BoardGrid grid = BoardGrid::calibration();
+  StereoBoardSet set;
+  set.cameras = default_raw_cameras(rig);
+  set.board = synth_board(family, min_radius_for(grid, rig.focal_px, kCalibrationFarMm), grid);
+  const std::vector<BoardPose> poses =
+      calibration_poses(set.cameras, set.board.layout, calibration_views(family),
+                        kCalibrationNearMm, kCalibrationFarMm);
+  progress("rendering " + std::to_string(poses.size()) + " stereo board views");
+  set.views = render_calibration_set(set.cameras, set.board.layout, poses, imaging);
+  return set;
+}
+
+std::array<std::vector<std::string>, 2> write_stereo_boards(const StereoBoardSet& set,
+                                                            const std::string& dir) {
+  prepare_output_directory(dir);
+  std::array<std::vector<std::string>, 2> paths;
+  std::vector<PendingFile> files;
+  std::ostringstream truth;
+  truth << "image,index,x,y,ellipse_x,ellipse_y,X,Y,Z\n";
+  const char* const side[2] = {"left", "right"};
+  for (std::size_t view = 0; view < set.views.size(); ++view) {
+    for (int camera = 0; camera < 2; ++camera) {
+      char name[32];
+      std::snprintf(name, sizeof name, "%s_%02zu.png", side[camera], view);
+      const std::string path = (fs::path(dir) / name).string();
+      files.emplace_back(path);
+      files.back().write(encode_png(set.views[view].images[camera].image, path));
+      add_truth_rows(truth, name, set.board, set.views[view].images[camera]);
+      paths[camera].push_back(path);
+    }
+  }
+  files.emplace_back((fs::path(dir) / "board_params.yaml").string());
+  files.back().write(set.board.params_text);
+  files.emplace_back((fs::path(dir) / "truth.csv").string());
+  files.back().write(truth.str());
+  PendingDirectory true_calib((fs::path(dir) / "true_calib").string());
+  if (!write_calibration_directory(set.cameras, true_calib.temp_path())) {
+    throw file_error(true_calib.final_path(), "cannot write the calibration files");
+  }
+  commit_all(files);
+  true_calib.commit();
+  return paths;
+}
+
+namespace {
+
+int run_synth_stereo_boards(const BoardSynthRequest& request) {
+  BoardImaging imaging;
+  imaging.noise_sigma = request.noise;
+  imaging.blur_sigma_px = request.blur;
+  const StereoBoardSet set =
+      render_stereo_boards(request.family, request.width, request.height, imaging);
+  write_stereo_boards(set, request.dir);
+  std::printf("wrote %zu %s stereo board views (%dx%d), board_params.yaml, truth.csv and "
+              "true_calib/ to %s\n",
+              set.views.size(), family_name(request.family), request.width, request.height,
+              request.dir.c_str());
+  std::printf("calibrate with: sl3d calibrate --board %s --params %s/board_params.yaml "
+              "--left %s/left_*.png --right %s/right_*.png -o CALIBDIR\n",
+              family_name(request.family), request.dir.c_str(), request.dir.c_str(),
+              request.dir.c_str());
+  return 0;
+}
+
+}  // namespace
+
 int run_synth_boards(const BoardSynthRequest& request) {
+  if (request.stereo) {
+    if (request.views != 0) throw usage_error("synth", "--views does not go with --stereo");
+    return run_synth_stereo_boards(request);
+  }
   const std::vector<ViewAngles>& views = board_views(request.family);
   const int count = request.views == 0 ? static_cast<int>(views.size()) : request.views;
   if (count < 1 || count > static_cast<int>(views.size())) {

@@ -19,6 +19,7 @@ const char kGeneral[] =
     "  demo        render, measure with both methods and compare with the truth\n"
     "  calib-info  show what a calibration directory holds and whether it loads\n"
     "  detect      recognize circle-marker calibration boards in images\n"
+    "  calibrate   calibrate the camera pair from board images of both cameras\n"
     "  help        show this text; 'sl3d <command> --help' shows a command's\n"
     "\n"
     "Exit status: 0 success, 1 runtime error (bad input, unwritable output),\n"
@@ -79,7 +80,7 @@ const char kScanTail[] =
 const char kSynth[] =
     "usage: sl3d synth --out DIR [--rectified] [--width W] [--height H]\n"
     "                  [--noise SIGMA] [--blur SIGMA]\n"
-    "       sl3d synth --boards DIR [--board pellux|quill] [--views N]\n"
+    "       sl3d synth --boards DIR [--board pellux|quill] [--views N | --stereo]\n"
     "                  [--width W] [--height H] [--noise SIGMA] [--blur SIGMA]\n"
     "\n"
     "Renders the default scene (a tilted wall at about 1100 mm and a sphere in\n"
@@ -117,7 +118,18 @@ const char kSynth[] =
     "             the way round; quill:\n"
     "             8 poses, each turned 30-40 degrees about the board's vertical\n"
     "             axis with a small tilt and roll, since that family takes its\n"
-    "             x axis from the ring's farthest neighbour.\n";
+    "             x axis from the ring's farthest neighbour.\n"
+    "\n"
+    "With --boards DIR --stereo it renders a calibration set instead: an 11 x 8\n"
+    "board of the family, 30 mm spacing, at 12 poses 600 to 1000 mm away, seen\n"
+    "by both raw cameras of the capture rig (the ones 'sl3d synth --out' uses,\n"
+    "with their lens distortion), and writes into DIR:\n"
+    "  left_00.png .., right_00.png ..  the views, same number same moment\n"
+    "  board_params.yaml   the key file 'sl3d calibrate' reads\n"
+    "  truth.csv           as above, per image\n"
+    "  true_calib/         the cameras' true calibration directory\n"
+    "Then: sl3d calibrate --board F --params DIR/board_params.yaml\n"
+    "        --left DIR/left_*.png --right DIR/right_*.png -o CALIBDIR\n";
 
 const char kDetectHead[] =
     "usage: sl3d detect --board pellux|quill --params FILE IMAGE...\n"
@@ -154,6 +166,50 @@ const char kDetectTail[] =
     "read but at least one not recognized; 1 an image could not be read or a\n"
     "result not written, or the params file is bad (then nothing is\n"
     "processed); 2 usage error.\n";
+
+const char kCalibrate[] =
+    "usage: sl3d calibrate --board pellux|quill --params FILE\n"
+    "                      --left L1.png L2.png ... --right R1.png R2.png ...\n"
+    "                      -o CALIBDIR [--flags N] [--focal F]\n"
+    "\n"
+    "Calibrates the sensor's two cameras from images of a circle-marker board\n"
+    "taken by both at several poses (the i-th left and the i-th right image at\n"
+    "the same moment): recognizes the board in every image, calibrates each\n"
+    "camera (focal lengths, principal point, distortion k1 k2 p1 p2 k3) and\n"
+    "then the right camera's pose relative to the left one, rectifies the pair\n"
+    "and writes the calibration directory CALIBDIR that 'sl3d scan --calib'\n"
+    "reads:\n"
+    "  cam0_param.yaml, cam1_param.yaml   the calibrated cameras (\"cam0\" left)\n"
+    "  stereo_param.yaml, rect0.map, rect1.map   the rectified pair\n"
+    "  hmat0.dat, hmat1.dat, rect.param   its binary form\n"
+    "CALIBDIR is written whole under a temporary name and then replaces an\n"
+    "older one; a failed run leaves it as it was.\n"
+    "\n"
+    "Prints per image the recognition code and name, the markers numbered and\n"
+    "the reprojection error of its view (nan when it was left out), then the\n"
+    "cameras, the pose and the stereo RMS reprojection error. An image is left\n"
+    "out, with a warning on stderr, when its board is not recognized or fewer\n"
+    "than 5 markers are numbered; a view is used for the pose when both of its\n"
+    "images were recognized. With more images on one side the extra ones serve\n"
+    "only that camera.\n"
+    "\n"
+    "Options:\n"
+    "  --board F       the board family, as for 'sl3d detect'\n"
+    "  --params FILE   the board and recognizer key file, as for 'sl3d detect'\n"
+    "  --left IMG...   the left camera's images (8-bit grey PNGs, one size)\n"
+    "  --right IMG...  the right camera's images, in the same order\n"
+    "  -o, --out DIR   the calibration directory to write\n"
+    "  --flags N       OpenCV calibration flags (cv::CALIB_*, default 0: both\n"
+    "                  cameras' intrinsics are refined again with the pose)\n"
+    "  --focal F       initial focal length in pixels, used with the flag\n"
+    "                  CALIB_USE_INTRINSIC_GUESS (1); 0 ignores that flag for\n"
+    "                  the single cameras\n"
+    "\n"
+    "Exit status: 0 calibrated and written; 1 an image or the params file\n"
+    "could not be read, the images differ in size, a camera has no usable\n"
+    "image, no view has both images recognized, or the directory could not be\n"
+    "written; 2 usage error.\n"
+    "Try it: sl3d synth --boards B --stereo, then the command that prints.\n";
 
 const char kDemo[] =
     "usage: sl3d demo [--out DIR]\n"
@@ -233,6 +289,7 @@ std::string command_usage(const std::string& command) {
   if (command == "demo") return kDemo;
   if (command == "calib-info") return kCalibInfo;
   if (command == "detect") return detect_usage();
+  if (command == "calibrate") return kCalibrate;
   if (command == "help") return kGeneral;
   return "";
 }

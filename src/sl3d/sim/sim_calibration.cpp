@@ -1,5 +1,9 @@
 #include <sl3d/sim/sim_calibration.h>
 
+#include <algorithm>
+#include <cmath>
+#include <vector>
+
 #include <opencv2/calib3d.hpp>
 
 #include <sl3d/calibrator/calibration_directory.h>
@@ -44,6 +48,51 @@ bool write_calibration_directory(const std::array<SimCamera, 2>& cameras, const 
                            DistortCamera(cv::Size(0, 0), "cam1")};
   calibrated_pair(cameras, cams);
   return store_calibration_directory(cams, dir);
+}
+
+namespace {
+
+CameraCalibrationError camera_error(const DistortCamera& calibrated, const SimCamera& truth) {
+  CameraCalibrationError e;
+  e.fx = calibrated.K(0, 0) - truth.K(0, 0);
+  e.fy = calibrated.K(1, 1) - truth.K(1, 1);
+  e.cx = calibrated.K(0, 2) - truth.K(0, 2);
+  e.cy = calibrated.K(1, 2) - truth.K(1, 2);
+  std::vector<cv::Point2d> pixels, rays;
+  for (int v = 0; v < truth.size.height; v += 16)
+    for (int u = 0; u < truth.size.width; u += 16) pixels.emplace_back(u, v);
+  cv::undistortPoints(pixels, rays, cv::Mat(truth.K), cv::Mat(truth.distortion), cv::noArray(),
+                      cv::noArray(),
+                      cv::TermCriteria(cv::TermCriteria::COUNT | cv::TermCriteria::EPS, 50, 1e-12));
+  std::vector<cv::Point3d> rays3;
+  for (const cv::Point2d& r : rays) rays3.emplace_back(r.x, r.y, 1.0);
+  std::vector<cv::Point2d> projected;
+  cv::projectPoints(rays3, cv::Vec3d(0, 0, 0), cv::Vec3d(0, 0, 0), calibrated.K, calibrated.D,
+                    projected);
+  double sum = 0.0;
+  for (std::size_t i = 0; i < pixels.size(); ++i) {
+    const double d = cv::norm(projected[i] - pixels[i]);
+    sum += d * d;
+    e.pixel_max = std::max(e.pixel_max, d);
+  }
+  e.pixel_rms = pixels.empty() ? 0.0 : std::sqrt(sum / pixels.size());
+  return e;
+}
+
+}  // namespace
+
+PairCalibrationError calibration_error(const DistortCamera* calibrated,
+                                       const std::array<SimCamera, 2>& truth) {
+  DistortCamera true_pair[2] = {DistortCamera(cv::Size(0, 0), "cam0"),
+                                DistortCamera(cv::Size(0, 0), "cam1")};
+  calibrated_pair(truth, true_pair);
+  PairCalibrationError e;
+  for (int c = 0; c < 2; ++c) e.cameras[c] = camera_error(calibrated[c], truth[c]);
+  e.baseline = cv::norm(calibrated[1].T) - cv::norm(true_pair[1].T);
+  cv::Vec3d rvec;
+  cv::Rodrigues(cv::Mat(calibrated[1].R * true_pair[1].R.t()), rvec);
+  e.rotation_deg = cv::norm(rvec) * 180.0 / CV_PI;
+  return e;
 }
 
 }  // namespace sl3d

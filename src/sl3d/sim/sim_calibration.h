@@ -37,6 +37,31 @@ SL3D_EXPORT bool write_camera_files(const std::array<SimCamera, 2>& cameras,
 SL3D_EXPORT bool write_calibration_directory(const std::array<SimCamera, 2>& cameras,
                                              const std::string& dir);
 
+// How far a calibration of one camera is from the truth. Focal lengths and
+// principal point: calibrated minus true, pixels. Pixel map: each pixel of
+// a 16-px grid is turned into its true ray (true K and distortion) and
+// projected again with the calibrated K and distortion; RMS and largest
+// distance to where it started, which is what K and distortion errors
+// together do to an image.
+struct SL3D_EXPORT CameraCalibrationError {
+  double fx = 0.0, fy = 0.0, cx = 0.0, cy = 0.0;
+  double pixel_rms = 0.0;
+  double pixel_max = 0.0;
+};
+
+// A calibrated pair against the true cameras: each camera, the length of
+// the baseline (calibrated minus true, in the units of the truth) and the
+// angle between the calibrated and the true cam1_from_cam0 rotations.
+struct SL3D_EXPORT PairCalibrationError {
+  CameraCalibrationError cameras[2];
+  double baseline = 0.0;
+  double rotation_deg = 0.0;
+};
+
+// `calibrated` points to two cameras as StereoCalib leaves them.
+SL3D_EXPORT PairCalibrationError calibration_error(const DistortCamera* calibrated,
+                                                   const std::array<SimCamera, 2>& truth);
+
 }  // namespace sl3d
 
 #endif  // SL3D_SIM_SIM_CALIBRATION_H_

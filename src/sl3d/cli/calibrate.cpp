@@ -1,0 +1,262 @@
+// `sl3d calibrate`: a calibration directory from board images of both
+// cameras.
+
+#include "calibrate.h"
+
+#include <cmath>
+#include <cstdio>
+
+#include <opencv2/calib3d.hpp>
+
+#include <sl3d/calibrator/calibration_directory.h>
+
+#include "args.h"
+#include "commands.h"
+#include "errors.h"
+#include "io.h"
+
+namespace sl3d {
+
+namespace {
+
+const char kCommand[] = "calibrate";
+const char* const kSide[2] = {"left", "right"};
+// Fewer correspondences leave an image out of the intrinsic calibration.
+constexpr int kMinMarkers = 5;
+
+void warn(const std::string& message) {
+  std::fflush(stdout);
+  std::fprintf(stderr, "sl3d: warning: %s\n", message.c_str());
+}
+
+void check_sizes(const CalibrationJob& job) {
+  if (job.images[0].empty()) throw usage_error(kCommand, "no left image given");
+  if (job.images[1].empty()) throw usage_error(kCommand, "no right image given");
+  const cv::Size size = job.images[0].front().image.size();
+  for (const std::vector<NamedImage>& side : job.images) {
+    for (const NamedImage& image : side) {
+      if (image.image.size() != size) {
+        throw file_error(image.name, std::to_string(image.image.cols) + "x" +
+                                         std::to_string(image.image.rows) +
+                                         " pixels, but the first image has " +
+                                         std::to_string(size.width) + "x" +
+                                         std::to_string(size.height));
+      }
+    }
+  }
+}
+
+struct Recognition {
+  int code = 0;
+  std::string name;
+  int markers = 0;  // correspondences with the board
+};
+
+// Marker lists for StereoCalib: empty for an image without a result.
+std::vector<std::vector<cv::Point2f>> recognize_side(StereoCalib& calib,
+                                                     const std::vector<NamedImage>& images,
+                                                     std::vector<Recognition>& outcomes) {
+  std::vector<std::vector<cv::Point2f>> points;
+  for (const NamedImage& named : images) {
+    cv::Mat image = named.image.clone();  // recognize may work in place
+    std::vector<cv::Point2f> found;
+    Recognition r;
+    r.code = calib.recognizer->recognize(image, found);
+    r.name = calib.recognizer->get_error_name(r.code);
+    if (r.code != 0) found.clear();
+    std::vector<cv::Point2f> image_points;
+    std::vector<cv::Point3f> board_points;
+    r.markers = calib.recognizer->corresponding_points(found, image_points, board_points);
+    outcomes.push_back(r);
+    points.push_back(std::move(found));
+  }
+  return points;
+}
+
+void warn_left_out(const std::vector<NamedImage>& images, const std::vector<Recognition>& outcomes) {
+  for (std::size_t i = 0; i < images.size(); ++i) {
+    const Recognition& r = outcomes[i];
+    if (r.code != 0) {
+      warn(images[i].name + ": board not recognised (" + std::to_string(r.code) + " " + r.name +
+           "), image left out");
+    } else if (r.markers < kMinMarkers) {
+      warn(images[i].name + ": only " + std::to_string(r.markers) +
+           " markers numbered, fewer than 5; left out of the intrinsic calibration");
+    }
+  }
+}
+
+void warn_uneven(const CalibrationJob& job) {
+  const std::size_t n0 = job.images[0].size(), n1 = job.images[1].size();
+  if (n0 == n1) return;
+  warn(std::to_string(n0) + " left and " + std::to_string(n1) +
+       " right images: the stereo calibration pairs only the first " +
+       std::to_string(std::min(n0, n1)));
+}
+
+int stereo_view_count(StereoCalib& calib,
+                      const std::vector<std::vector<std::vector<cv::Point2f>>>& points) {
+  int views = 0;
+  for (std::size_t i = 0; i < points[0].size() && i < points[1].size(); ++i) {
+    if (points[0][i].empty() || points[1][i].empty()) continue;
+    std::vector<cv::Point2f> out0, out1;
+    std::vector<cv::Point3f> out3d;
+    views += calib.recognizer->corresponding_points(points[0][i], points[1][i], out0, out1,
+                                                    out3d) > 0;
+  }
+  return views;
+}
+
+void print_images(const CalibrationJob& job, const std::vector<Recognition> outcomes[2],
+                  const std::vector<std::vector<double>>& errors) {
+  for (int side = 0; side < 2; ++side) {
+    for (std::size_t i = 0; i < job.images[side].size(); ++i) {
+      const Recognition& r = outcomes[side][i];
+      std::printf("%-5s %s: %d %s, %d markers, reprojection error %.3f px\n", kSide[side],
+                  job.images[side][i].name.c_str(), r.code, r.name.c_str(), r.markers,
+                  errors[side][i]);
+    }
+  }
+}
+
+void print_cameras(const CalibrationResult& result) {
+  for (int c = 0; c < 2; ++c) {
+    const DistortCamera& cam = result.cams[c];
+    std::printf("cam%d (%s): fx %.3f, fy %.3f, cx %.3f, cy %.3f px; distortion", c, kSide[c],
+                cam.K(0, 0), cam.K(1, 1), cam.K(0, 2), cam.K(1, 2));
+    for (int i = 0; i < static_cast<int>(cam.D.total()); ++i) std::printf(" %.5f", cam.D(i));
+    std::printf("\n");
+  }
+  const DistortCamera& right = result.cams[1];
+  cv::Vec3d rvec;
+  cv::Rodrigues(right.R, rvec);
+  std::printf("cam1 from cam0: baseline %.3f mm, rotation %.4f deg, T (%.3f, %.3f, %.3f)\n",
+              cv::norm(right.T), cv::norm(rvec) * 180.0 / CV_PI, right.T.at<double>(0),
+              right.T.at<double>(1), right.T.at<double>(2));
+  std::printf("stereo: %d views, RMS reprojection error %.3f px\n", result.stereo_views,
+              result.stereo_rms);
+}
+
+CliError failure(int code, const std::vector<std::vector<double>>& errors) {
+  if (code == 1) {
+    // The right camera's errors are filled only once the left one succeeded.
+    const int side = errors[0].empty() ? 0 : 1;
+    return CliError(std::string("cannot calibrate the ") + kSide[side] +
+                    " camera: no image has a recognised board with at least 5 numbered markers");
+  }
+  return CliError("cannot calibrate the pair: no view has the board recognised in both its left "
+                  "and its right image");
+}
+
+}  // namespace
+
+CalibrationResult calibrate_pair(const CalibrationJob& job) {
+  check_sizes(job);
+  StereoCalib calib(board_type(job.family));
+  BoardRecords records = job.records;
+  CameraCalibParams params = job.params;
+  if (!calib.set_parameters(params, records.board, records.marker, records.pre)) {
+    throw CliError("the recognizer refused the board parameters");
+  }
+  std::vector<Recognition> outcomes[2];
+  std::vector<std::vector<std::vector<cv::Point2f>>> points(2);
+  for (int side = 0; side < 2; ++side) {
+    progress(std::string("recognising the ") + kSide[side] + " images");
+    points[side] = recognize_side(calib, job.images[side], outcomes[side]);
+  }
+
+  CalibrationResult result;
+  result.cams = {DistortCamera(cv::Size(0, 0), "cam0"), DistortCamera(cv::Size(0, 0), "cam1")};
+  std::vector<std::vector<double>> errors(2);
+  progress("calibrating");
+  int code = 0;
+  try {
+    code = calib.exec(result.cams, points, errors, &result.stereo_rms);
+  } catch (const cv::Exception& e) {
+    throw CliError("calibration failed: OpenCV: " + e.err);
+  }
+  for (int side = 0; side < 2; ++side) warn_left_out(job.images[side], outcomes[side]);
+  warn_uneven(job);
+  if (code != 0) throw failure(code, errors);
+  result.stereo_views = stereo_view_count(calib, points);
+  print_images(job, outcomes, errors);
+  print_cameras(result);
+  return result;
+}
+
+void write_calibration_directory(const CalibrationResult& result, const std::string& dir) {
+  PendingDirectory pending(dir);
+  if (!store_calibration_directory(result.cams.data(), pending.temp_path())) {
+    throw file_error(dir, "cannot write the calibration files");
+  }
+  pending.commit();
+}
+
+namespace {
+
+struct CalibrateRequest {
+  BoardFamily family = BoardFamily::kPellux;
+  std::string params_path;
+  std::string out_dir;
+  CameraCalibParams params;
+  std::vector<std::string> images[2];
+};
+
+// --left and --right take every following argument up to the next option.
+CalibrateRequest parse_calibrate_args(const std::vector<std::string>& args) {
+  CalibrateRequest request;
+  std::vector<std::string> options;
+  std::vector<std::string>* list = nullptr;
+  for (const std::string& arg : args) {
+    if (arg == "--left" || arg == "--right") {
+      list = &request.images[arg == "--left" ? 0 : 1];
+      if (!list->empty()) throw usage_error(kCommand, arg + " given twice");
+      continue;
+    }
+    if (list != nullptr && (arg.empty() || arg[0] != '-')) {
+      list->push_back(arg);
+      continue;
+    }
+    list = nullptr;
+    options.push_back(arg);
+  }
+  const ParsedArgs parsed = parse_options(kCommand, options,
+                                          {{"--board", true},
+                                           {"--params", true},
+                                           {"--out", true, "-o"},
+                                           {"--flags", true},
+                                           {"--focal", true}});
+  request.family = parse_board_family(kCommand, parsed.require("--board"));
+  request.params_path = parsed.require("--params");
+  request.out_dir = parsed.require("--out");
+  request.params.flags = parsed.get_int("--flags", 0, 0, 1 << 30);
+  request.params.focal_length = parsed.get_double("--focal", 0.0, 0.0, 1e6);
+  for (int side = 0; side < 2; ++side) {
+    if (request.images[side].empty()) {
+      throw usage_error(kCommand, std::string("no ") + kSide[side] + " image given");
+    }
+  }
+  return request;
+}
+
+}  // namespace
+
+int run_calibrate(const std::vector<std::string>& args) {
+  const CalibrateRequest request = parse_calibrate_args(args);
+  CalibrationJob job;
+  job.family = request.family;
+  job.records = read_board_params(request.params_path);
+  job.params = request.params;
+  check_output_directory_path(request.out_dir);
+  for (int side = 0; side < 2; ++side) {
+    for (const std::string& path : request.images[side]) {
+      job.images[side].push_back({path, read_grey_png(path)});
+    }
+  }
+  const CalibrationResult result = calibrate_pair(job);
+  write_calibration_directory(result, request.out_dir);
+  std::printf("calibration written to %s\n", request.out_dir.c_str());
+  return 0;
+}
+
+}  // namespace sl3d
