@@ -509,7 +509,9 @@ TEST_F(CliTest, DemoMeasuresBothMethodsCloseToTheTruth) {
   const RunResult r = run({"demo", "--out", out.string()});
   ASSERT_EQ(r.exit_code, 0) << r.err;
   for (const char* name : {"phaseshift.ply", "sgbm.ply", "phaseshift_depth.png", "sgbm_depth.png",
-                           "calib/hmat0.dat", "calib/cam0_param.yaml"}) {
+                           "calib/hmat0.dat", "calib/cam0_param.yaml", "boards/left_00.png",
+                           "boards/right_11.png", "boards/board_params.yaml",
+                           "boards/true_calib/hmat0.dat"}) {
     EXPECT_TRUE(fs::is_regular_file(out / name)) << name;
   }
   const std::regex report(R"(  mode (\d): (\d+) points[^\n]* p95 ([0-9.]+) mm)");
@@ -519,9 +521,163 @@ TEST_F(CliTest, DemoMeasuresBothMethodsCloseToTheTruth) {
     EXPECT_GT(std::stoi((*it)[2]), 1280 * 1024 / 2) << (*it)[0];
     EXPECT_LT(std::stod((*it)[3]), 5.0) << (*it)[0];
   }
-  EXPECT_EQ(modes, "0120") << r.out;  // phase shift in every mode, then block matching
+  // Phase shift in every mode, once more through the true calibration, then
+  // block matching.
+  EXPECT_EQ(modes, "01200") << r.out;
+  // The calibration made from the board views is close to the true cameras.
+  const std::regex camera(R"(focal length error ([-+0-9.]+) / ([-+0-9.]+) px of [0-9.]+, principal point error ([-+0-9.]+) / ([-+0-9.]+) px)");
+  int cameras = 0;
+  for (std::sregex_iterator it(r.out.begin(), r.out.end(), camera), end; it != end; ++it) {
+    ++cameras;
+    for (int k = 1; k <= 4; ++k) EXPECT_LT(std::fabs(std::stod((*it)[k])), 2.0) << (*it)[0];
+  }
+  EXPECT_EQ(cameras, 2) << r.out;
+  std::smatch baseline;
+  ASSERT_TRUE(std::regex_search(r.out, baseline, std::regex(R"(baseline error ([-+0-9.]+) mm)")));
+  EXPECT_LT(std::fabs(std::stod(baseline[1])), 0.1);
 }
 
+
+// A camera as the calibration directory's YAML file holds it.
+DistortCamera load_camera(const fs::path& dir, const std::string& name) {
+  DistortCamera cam(cv::Size(0, 0), name);
+  cv::FileStorage fs((dir / (name + "_param.yaml")).string(), cv::FileStorage::READ);
+  EXPECT_TRUE(cam.load(&fs)) << dir;
+  return cam;
+}
+
+// `sl3d calibrate` on a rendered calibration set recovers the true cameras
+// and writes a directory that scan and calib-info take.
+TEST_F(CliTest, CalibratesStereoBoardViewsCloseToTheTrueCameras) {
+  const fs::path boards = root_ / "stereo_boards";
+  RunResult r = run({"synth", "--boards", boards.string(), "--stereo", "--board", "quill",
+                     "--width", "640", "--height", "512", "--blur", "0.5"});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_NE(r.out.find("sl3d calibrate --board quill"), std::string::npos) << r.out;
+  std::vector<std::string> args = {"calibrate", "--board", "quill", "--params",
+                                   (boards / "board_params.yaml").string(), "--left"};
+  for (int view = 0; view < 12; ++view) {
+    args.push_back((boards / cv::format("left_%02d.png", view)).string());
+  }
+  // The right list one shorter: that camera and the pose use 11 views.
+  args.push_back("--right");
+  for (int view = 0; view < 11; ++view) {
+    args.push_back((boards / cv::format("right_%02d.png", view)).string());
+  }
+  const fs::path calib = root_ / "calibrated";
+  args.insert(args.end(), {"-o", calib.string()});
+  r = run(args);
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_NE(r.err.find("12 left and 11 right images"), std::string::npos) << r.err;
+  const std::regex image_line(R"((left|right) +\S+: 0 Success, 88 markers, reprojection error ([0-9.]+) px)");
+  int images = 0;
+  for (std::sregex_iterator it(r.out.begin(), r.out.end(), image_line), end; it != end; ++it) {
+    ++images;
+    EXPECT_LT(std::stod((*it)[2]), 0.3) << (*it)[0];
+  }
+  EXPECT_EQ(images, 23) << r.out;
+  EXPECT_NE(r.out.find("stereo: 11 views"), std::string::npos) << r.out;
+
+  for (const char* name : {"cam0", "cam1"}) {
+    SCOPED_TRACE(name);
+    const DistortCamera found = load_camera(calib, name);
+    const DistortCamera truth = load_camera(boards / "true_calib", name);
+    EXPECT_EQ(found.size, cv::Size(640, 512));
+    EXPECT_NEAR(found.K(0, 0), truth.K(0, 0), 1.5);
+    EXPECT_NEAR(found.K(1, 1), truth.K(1, 1), 1.5);
+    EXPECT_NEAR(found.K(0, 2), truth.K(0, 2), 2.0);
+    EXPECT_NEAR(found.K(1, 2), truth.K(1, 2), 2.0);
+    EXPECT_NEAR(cv::norm(found.T), cv::norm(truth.T), 0.1);
+  }
+  r = run({"calib-info", calib.string()});
+  EXPECT_EQ(r.exit_code, 0) << r.err;
+}
+
+TEST_F(CliTest, CalibrateRefusesBadInputAndKeepsTheOldDirectory) {
+  const fs::path boards = root_ / "stereo_boards_bad";
+  ASSERT_EQ(run({"synth", "--boards", boards.string(), "--stereo", "--width", "320", "--height",
+                 "256"})
+                .exit_code,
+            0);
+  const fs::path files = empty_dir("calibrate_files");
+  const std::string params = (boards / "board_params.yaml").string();
+  std::vector<std::string> left, right;
+  for (int view = 0; view < 6; ++view) {
+    left.push_back((boards / cv::format("left_%02d.png", view)).string());
+    right.push_back((boards / cv::format("right_%02d.png", view)).string());
+  }
+  // An earlier calibration that a failed run must leave alone.
+  const fs::path calib = root_ / "kept_calib";
+  fs::create_directories(calib);
+  write_text(calib / "cam0_param.yaml", "earlier");
+  auto calibrate = [&](const std::vector<std::string>& l, const std::vector<std::string>& r) {
+    std::vector<std::string> args = {"calibrate", "--board", "pellux", "--params", params,
+                                     "--left"};
+    args.insert(args.end(), l.begin(), l.end());
+    args.push_back("--right");
+    args.insert(args.end(), r.begin(), r.end());
+    args.insert(args.end(), {"-o", calib.string()});
+    return run(args);
+  };
+  auto with = [](std::vector<std::string> images, std::size_t at, const std::string& image) {
+    images[at] = image;
+    return images;
+  };
+
+  write_text(files / "corrupt.png", slurp(left[2]).substr(0, 300));
+  cv::imwrite((files / "small.png").string(), cv::Mat(128, 160, CV_8UC1, cv::Scalar(128)));
+  cv::imwrite((files / "blank.png").string(), cv::Mat(256, 320, CV_8UC1, cv::Scalar(128)));
+  const std::string corrupt = (files / "corrupt.png").string();
+  const std::string missing = (files / "missing.png").string();
+  const std::string small = (files / "small.png").string();
+  const std::string blank = (files / "blank.png").string();
+  struct Case {
+    const char* what;
+    std::vector<std::string> left, right;
+    std::string culprit;
+  };
+  const std::vector<Case> cases = {
+      {"corrupt image", with(left, 2, corrupt), right, corrupt},
+      {"missing image", left, with(right, 4, missing), missing},
+      {"image of another size", left, with(right, 1, small), small},
+      {"no usable left image", {blank, blank}, right, "left camera"},
+      {"no usable right image", left, {blank}, "right camera"},
+      {"no view with both images", {left[0], left[1], blank, blank},
+       {blank, blank, right[2], right[3]}, "no view"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    const RunResult r = calibrate(c.left, c.right);
+    expect_clean_failure(r, 1, c.culprit, "");
+    EXPECT_EQ(slurp(calib / "cam0_param.yaml"), "earlier");
+    EXPECT_EQ(std::distance(fs::directory_iterator(calib), fs::directory_iterator()), 1);
+  }
+
+  // An image left out is a warning, not a failure; it reports NaN.
+  RunResult r = calibrate(with(left, 1, blank), right);
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_NE(r.err.find(blank + ": board not recognised (2 Few_Contours), image left out"),
+            std::string::npos)
+      << r.err;
+  EXPECT_NE(r.out.find("left  " + blank + ": 2 Few_Contours, 0 markers, reprojection error nan"),
+            std::string::npos)
+      << r.out;
+  EXPECT_NE(slurp(calib / "cam0_param.yaml"), "earlier");  // replaced
+
+  expect_clean_failure(run({"calibrate", "--board", "pellux", "--params", params, "--left",
+                            left[0], "-o", calib.string()}),
+                       2, "right", "");
+  expect_clean_failure(run({"calibrate", "--board", "square", "--params", params, "--left",
+                            left[0], "--right", right[0], "-o", calib.string()}),
+                       2, "square", "");
+  // An output that names a file, or lies in a missing directory.
+  for (const fs::path& out : {files / "corrupt.png", files / "missing" / "calib"}) {
+    std::vector<std::string> args = {"calibrate", "--board", "pellux", "--params", params,
+                                     "--left", left[0], "--right", right[0], "-o", out.string()};
+    expect_clean_failure(run(args), 1, out.string(), "");
+    EXPECT_FALSE(fs::exists(files / "missing"));
+  }
+}
 
 // Rows of a CSV file with a header line, as maps from column to text.
 std::vector<std::map<std::string, std::string>> read_csv(const fs::path& path) {

@@ -137,12 +137,34 @@ void print_cameras(const CalibrationResult& result) {
               result.stereo_rms);
 }
 
-CliError failure(int code, const std::vector<std::vector<double>>& errors) {
+// OpenCV's messages run over several lines; the tool reports in one.
+std::string one_line(std::string text) {
+  for (char& c : text) c = c == '\n' ? ' ' : c;
+  while (!text.empty() && text.back() == ' ') text.pop_back();
+  return text;
+}
+
+std::string count_of(std::size_t n, const char* what) {
+  return std::to_string(n) + " " + what + (n == 1 ? "" : "s");
+}
+
+// Why a camera had no usable image, in one line.
+std::string unusable_summary(const std::vector<Recognition>& outcomes) {
+  std::size_t unrecognised = 0;
+  for (const Recognition& r : outcomes) unrecognised += r.code != 0;
+  return count_of(outcomes.size(), "image") + ": " + std::to_string(unrecognised) +
+         " not recognised, " + std::to_string(outcomes.size() - unrecognised) +
+         " with fewer than 5 markers";
+}
+
+CliError failure(int code, const std::vector<std::vector<double>>& errors,
+                 const std::vector<Recognition> outcomes[2]) {
   if (code == 1) {
     // The right camera's errors are filled only once the left one succeeded.
     const int side = errors[0].empty() ? 0 : 1;
     return CliError(std::string("cannot calibrate the ") + kSide[side] +
-                    " camera: no image has a recognised board with at least 5 numbered markers");
+                    " camera: no image has a recognised board with at least 5 numbered markers (" +
+                    unusable_summary(outcomes[side]) + ")");
   }
   return CliError("cannot calibrate the pair: no view has the board recognised in both its left "
                   "and its right image");
@@ -173,11 +195,12 @@ CalibrationResult calibrate_pair(const CalibrationJob& job) {
   try {
     code = calib.exec(result.cams, points, errors, &result.stereo_rms);
   } catch (const cv::Exception& e) {
-    throw CliError("calibration failed: OpenCV: " + e.err);
+    throw CliError("calibration failed: OpenCV: " + one_line(e.err));
   }
+  // A failure is one line; warnings only accompany a calibration.
+  if (code != 0) throw failure(code, errors, outcomes);
   for (int side = 0; side < 2; ++side) warn_left_out(job.images[side], outcomes[side]);
   warn_uneven(job);
-  if (code != 0) throw failure(code, errors);
   result.stereo_views = stereo_view_count(calib, points);
   print_images(job, outcomes, errors);
   print_cameras(result);

@@ -1,7 +1,9 @@
-// `sl3d demo`: the whole pipeline on the virtual sensor from raw captures:
-// its real cameras' calibration directory is written, the captures are
-// rectified through it, measured, and every point is compared with the
-// scene's true surfaces.
+// `sl3d demo`: the whole life of a sensor on the virtual sensor. Its real
+// cameras photograph a calibration board, the pair is calibrated from those
+// images alone and the calibration compared with the true cameras; then raw
+// captures of the scene are rectified through the new calibration, measured,
+// and every point compared with the scene's true surfaces, next to the same
+// measurement through the true calibration.
 
 #include <cstdio>
 #include <filesystem>
@@ -11,11 +13,14 @@
 #include <sl3d/sim/virtual_sensor.h>
 
 #include "args.h"
+#include "board_params.h"
+#include "calibrate.h"
 #include "commands.h"
 #include "depth.h"
 #include "errors.h"
 #include "io.h"
 #include "measure.h"
+#include "synth_boards.h"
 
 namespace fs = std::filesystem;
 
@@ -26,6 +31,8 @@ namespace {
 const char kCommand[] = "demo";
 const char kDefaultOutDir[] = "out/demo";
 const char kCalibSubdir[] = "calib";
+const char kBoardsSubdir[] = "boards";
+const BoardFamily kDemoBoard = BoardFamily::kPellux;
 
 struct RenderedCapture {
   Capture capture;
@@ -57,13 +64,63 @@ RenderedCapture render_textured_pair(const VirtualSensor& sensor,
   });
 }
 
-std::string write_calibration(const std::string& out_dir, const std::array<SimCamera, 2>& cameras) {
-  PendingDirectory calib((fs::path(out_dir) / kCalibSubdir).string());
-  if (!write_calibration_directory(cameras, calib.temp_path())) {
-    throw file_error(calib.final_path(), "cannot write the calibration files");
+// Renders and writes the board views, calibrates from the written images
+// as `sl3d calibrate` does, and writes the calibration directory. Returns
+// the calibrated cameras and the directory of the true calibration.
+struct DemoCalibration {
+  CalibrationResult result;
+  std::string dir;
+  std::string true_dir;
+  double render_ms = 0.0;
+  double calibrate_ms = 0.0;
+};
+
+DemoCalibration calibrate_from_boards(const std::string& out_dir, const SimRig& rig) {
+  Stopwatch watch;
+  BoardImaging imaging;
+  imaging.noise_sigma = 1.0;
+  imaging.blur_sigma_px = 0.5;
+  const StereoBoardSet set = render_stereo_boards(kDemoBoard, rig.width, rig.height, imaging);
+  const std::string boards_dir = (fs::path(out_dir) / kBoardsSubdir).string();
+  const std::array<std::vector<std::string>, 2> paths = write_stereo_boards(set, boards_dir);
+  DemoCalibration calibration;
+  calibration.render_ms = watch.elapsed_ms();
+
+  watch = Stopwatch();
+  CalibrationJob job;
+  job.family = kDemoBoard;
+  job.records = read_board_params((fs::path(boards_dir) / "board_params.yaml").string());
+  for (int side = 0; side < 2; ++side) {
+    for (std::size_t view = 0; view < paths[side].size(); ++view) {
+      job.images[side].push_back({paths[side][view], set.views[view].images[side].image});
+    }
   }
-  calib.commit();
-  return calib.final_path();
+  std::printf("calibration from %zu board views per camera (%s board, %dx%d), as "
+              "'sl3d calibrate' does it:\n",
+              set.views.size(), family_name(kDemoBoard), rig.width, rig.height);
+  calibration.result = calibrate_pair(job);
+  calibration.dir = (fs::path(out_dir) / kCalibSubdir).string();
+  write_calibration_directory(calibration.result, calibration.dir);
+  calibration.true_dir = (fs::path(boards_dir) / "true_calib").string();
+  calibration.calibrate_ms = watch.elapsed_ms();
+  return calibration;
+}
+
+void print_calibration_error(const DemoCalibration& calibration,
+                             const std::array<SimCamera, 2>& cameras) {
+  const PairCalibrationError e = calibration_error(calibration.result.cams.data(), cameras);
+  std::printf("calibration against the true cameras (render %.0f ms, recognise + calibrate + "
+              "write %.0f ms):\n",
+              calibration.render_ms, calibration.calibrate_ms);
+  for (int c = 0; c < 2; ++c) {
+    const CameraCalibrationError& ec = e.cameras[c];
+    std::printf("  cam%d: focal length error %+.3f / %+.3f px of %.1f, principal point error "
+                "%+.3f / %+.3f px; lens and intrinsics together move pixels by RMS %.3f, at "
+                "most %.3f px\n",
+                c, ec.fx, ec.fy, cameras[c].K(0, 0), ec.cx, ec.cy, ec.pixel_rms, ec.pixel_max);
+  }
+  std::printf("  baseline error %+.4f mm, rotation error %.4f deg\n", e.baseline,
+              e.rotation_deg);
 }
 
 // Points come out in the left rectified camera's frame; the YAML form keeps
@@ -125,18 +182,37 @@ void print_mode(const Measurement& m, const ErrorStats& error) {
               error.gross, m.genpc_ms);
 }
 
-void run_method(Method method, const RenderedCapture& rendered, const std::vector<int>& modes,
-                const std::string& calib_dir, const VirtualSensor& sensor,
-                const WorldFromRect& to_world, const std::string& out_dir) {
+std::vector<Measurement> measure_through(Method method, const RenderedCapture& rendered,
+                                         const std::vector<int>& modes,
+                                         const std::string& calib_dir) {
   progress(std::string("measuring with ") + method_name(method));
   CameraSetup setup;
   setup.calib_dir = calib_dir;
   setup.modes = modes;
-  const std::vector<Measurement> results = measure(method, rendered.capture, setup, MethodParams());
+  return measure(method, rendered.capture, setup, MethodParams());
+}
+
+void run_method(Method method, const RenderedCapture& rendered, const std::vector<int>& modes,
+                const std::string& calib_dir, const VirtualSensor& sensor,
+                const WorldFromRect& to_world, const std::string& out_dir) {
+  const std::vector<Measurement> results = measure_through(method, rendered, modes, calib_dir);
   print_header(method, results.front(), rendered.render_ms);
   for (const Measurement& m : results) print_mode(m, surface_error(m, sensor, to_world));
   std::printf("  write %.1f ms (mode %d)\n", write_outputs(out_dir, method, results.front()),
               results.front().mode);
+}
+
+// The same phase-shift capture through the true cameras' calibration: what
+// a perfect calibration would have given.
+void compare_with_true_calibration(const RenderedCapture& rendered, const std::string& true_dir,
+                                   const VirtualSensor& sensor,
+                                   const std::array<SimCamera, 2>& cameras) {
+  const std::vector<Measurement> results =
+      measure_through(Method::kPhaseShift, rendered, {0}, true_dir);
+  std::printf("%s through the true calibration, for comparison\n",
+              method_name(Method::kPhaseShift));
+  print_mode(results.front(), surface_error(results.front(), sensor,
+                                            world_from_rect(true_dir, cameras)));
 }
 
 }  // namespace
@@ -149,13 +225,18 @@ int run_demo(const std::vector<std::string>& args) {
 
   const VirtualSensor sensor;
   const std::array<SimCamera, 2> cameras = default_raw_cameras(sensor.rig());
-  const std::string calib_dir = write_calibration(out_dir, cameras);
-  const WorldFromRect to_world = world_from_rect(calib_dir, cameras);
-  run_method(Method::kPhaseShift, render_phase_shift(sensor, cameras), {0, 1, 2}, calib_dir,
-             sensor, to_world, out_dir);
-  run_method(Method::kSgbm, render_textured_pair(sensor, cameras), {0}, calib_dir, sensor,
+  const DemoCalibration calibration = calibrate_from_boards(out_dir, sensor.rig());
+  print_calibration_error(calibration, cameras);
+
+  const WorldFromRect to_world = world_from_rect(calibration.dir, cameras);
+  const RenderedCapture phase_shift = render_phase_shift(sensor, cameras);
+  run_method(Method::kPhaseShift, phase_shift, {0, 1, 2}, calibration.dir, sensor, to_world,
+             out_dir);
+  compare_with_true_calibration(phase_shift, calibration.true_dir, sensor, cameras);
+  run_method(Method::kSgbm, render_textured_pair(sensor, cameras), {0}, calibration.dir, sensor,
              to_world, out_dir);
-  std::printf("outputs in %s (calibration in %s)\n", out_dir.c_str(), calib_dir.c_str());
+  std::printf("outputs in %s (board views in %s, calibration in %s)\n", out_dir.c_str(),
+              (fs::path(out_dir) / kBoardsSubdir).string().c_str(), calibration.dir.c_str());
   return 0;
 }
 
