@@ -14,6 +14,8 @@
 
 #include <opencv2/calib3d.hpp>
 
+#include "e2e_util.h"
+
 #include <sl3d/calibrator/calibration_directory.h>
 #include <sl3d/calibrator/calibrator.h>
 #include <sl3d/camera/stereo_camera.h>
@@ -36,14 +38,15 @@ struct Calibration {
   std::vector<std::vector<double>> errors = std::vector<std::vector<double>>(2);
   double rms = -1.0;
   int recognised = 0;
-  int wrong_markers = 0;
+  int misnumbered = 0;  // markers numbered wrong, over all images
 };
 
 // Renders the family's calibration set, recognises every image and
 // calibrates the pair.
 Calibration calibrate(BoardFamily family, const std::array<SimCamera, 2>& cameras) {
   const BoardGrid grid = BoardGrid::calibration();
-  const SynthBoard board = synth_board(family, min_radius_for(grid, cameras[0].K(0, 0), kFarMm), grid);
+  const SynthBoard board =
+      synth_board(family, min_radius_for(grid, cameras[0].K(0, 0), kFarMm), grid);
   const std::vector<BoardPose> poses =
       calibration_poses(cameras, board.layout, calibration_views(family), kNearMm, kFarMm);
   BoardImaging imaging;
@@ -66,11 +69,9 @@ Calibration calibrate(BoardFamily family, const std::array<SimCamera, 2>& camera
       const int code = calib.recognizer->recognize(image, found);
       if (code == 0) {
         ++result.recognised;
-        const int wrong = misnumbered_markers(board, views[k].images[c], found, 1.0);
-        result.wrong_markers += wrong;
-        if (wrong) std::printf("view %zu cam %d: %d wrong\n", k, c, wrong);
+        result.misnumbered += misnumbered_markers(board, views[k].images[c], found, 1.0);
       } else {
-        std::printf("view %zu cam %d: code %d\n", k, c, code);
+        std::printf("view %zu camera %d: not recognised (code %d), left out\n", k, c, code);
         found.clear();
       }
       points[c].push_back(found);
@@ -86,12 +87,6 @@ int used_views(const std::vector<double>& errors) {
   return used;
 }
 
-struct SurfaceError {
-  int points = 0;
-  double median = 0.0;
-  double p95 = 0.0;
-};
-
 class CalibrationE2E : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
@@ -101,41 +96,15 @@ class CalibrationE2E : public ::testing::Test {
   // Measures raw phase-shift captures of the scene through the calibration
   // directory `dir` and compares every point with the true surfaces. Points
   // come out in the left rectified camera's frame of that calibration.
-  static SurfaceError scan_error(const std::string& dir) {
+  static testing::SurfaceError scan_error(const std::string& dir) {
     static const VirtualSensor sensor(SimRig::scaled(kWidth, kHeight));
     static const std::vector<cv::Mat> frames[2] = {sensor.render_phase_shift(cameras_[0]),
                                                    sensor.render_phase_shift(cameras_[1])};
-    auto* gen = static_cast<PointCloudGenerator*>(createPointCloudGenerator(0));
-    gen->verbose = 0;
-    EXPECT_TRUE(gen->init(kWidth, kHeight));
-    EXPECT_TRUE(gen->set_camera_params(dir.c_str()));
-    for (int c = 0; c < 2; ++c) {
-      for (int i = 0; i < 13; ++i) {
-        cv::Mat frame = frames[c][i].clone();
-        gen->rectify(frame.data, frame.cols, frame.rows, frame.step, c);
-        gen->setpict(frame.data, frame.step, c, i);
-      }
-    }
-    gen->exec();
+    PhaseShift* gen = testing::measure_raw_phase_shift(dir, frames);
     gen->genPC(0);
-
-    StereoCamera pair(cv::Size(0, 0));
-    EXPECT_TRUE(pair.load(dir));
-    const cv::Matx33d world_from_rect =
-        cam0_from_world(cameras_).t() * cv::Matx33d(cv::Mat(pair.cam0_R2)).t();
-    std::vector<double> d;
-    const PointCloudElement* p = gen->get_pointcloud_ptr();
-    for (int i = 0; i < gen->get_pointcloud_cnt(); ++i) {
-      d.push_back(
-          sensor.distance_to_scene(world_from_rect * cv::Vec3d(p[i].x, p[i].y, p[i].z)));
-    }
+    const testing::SurfaceError e =
+        testing::surface_error(*gen, sensor, testing::world_from_rect(dir, cameras_));
     gen->destroy();
-    SurfaceError e;
-    e.points = static_cast<int>(d.size());
-    if (d.empty()) return e;
-    std::sort(d.begin(), d.end());
-    e.median = d[d.size() / 2];
-    e.p95 = d[d.size() * 95 / 100];
     return e;
   }
 
@@ -163,7 +132,7 @@ TEST_F(CalibrationE2E, BothBoardFamiliesRecoverTheTrueCameras) {
     SCOPED_TRACE(family_name(family));
     const Calibration r = calibrate(family, cameras_);
     ASSERT_EQ(r.code, 0);
-    EXPECT_EQ(r.wrong_markers, 0);
+    EXPECT_EQ(r.misnumbered, 0);
     EXPECT_GE(used_views(r.errors[0]), 10);
     EXPECT_GE(used_views(r.errors[1]), 10);
     EXPECT_LT(r.rms, 0.25);
@@ -192,8 +161,8 @@ TEST_F(CalibrationE2E, ScanWithTheRecoveredCalibrationIsAsGoodAsWithTheTrueOne) 
   const TempDir recovered("recovered"), truth("true");
   ASSERT_TRUE(store_calibration_directory(r.cams.data(), recovered.str()));
   ASSERT_TRUE(write_calibration_directory(cameras_, truth.str()));
-  const SurfaceError with_truth = scan_error(truth.str());
-  const SurfaceError with_recovered = scan_error(recovered.str());
+  const testing::SurfaceError with_truth = scan_error(truth.str());
+  const testing::SurfaceError with_recovered = scan_error(recovered.str());
   std::printf("distance to the true surface: true calibration median %.3f, p95 %.3f mm "
               "(%d points); recovered calibration median %.3f, p95 %.3f mm (%d points)\n",
               with_truth.median, with_truth.p95, with_truth.points, with_recovered.median,

@@ -5,12 +5,18 @@
 // captures through the public interface and compare with the truth.
 
 #include <algorithm>
+#include <array>
 #include <cmath>
+#include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
 #include <opencv2/core.hpp>
 
+#include <sl3d/camera/stereo_camera.h>
 #include <sl3d/pointcloud/PointCloudGenerator.h>
+#include <sl3d/psft/psft.h>
+#include <sl3d/sim/sim_calibration.h>
 #include <sl3d/sim/virtual_sensor.h>
 
 namespace sl3d {
@@ -55,6 +61,61 @@ inline void hand_in_phase_shift(iPointCloudGenerator& gen, const std::vector<cv:
     gen.setpict(cam0[i].data, cam0[i].step, 0, i);
     gen.setpict(cam1[i].data, cam1[i].step, 1, i);
   }
+}
+
+// Loads the calibration directory `dir`, rectifies copies of the raw frames
+// of both cameras, hands them in and runs exec. The caller destroys it.
+inline PhaseShift* measure_raw_phase_shift(const std::string& dir,
+                                           const std::vector<cv::Mat> (&frames)[2]) {
+  const cv::Size size = frames[0][0].size();
+  auto* gen = static_cast<PhaseShift*>(createPointCloudGenerator(0));
+  gen->verbose = 0;
+  EXPECT_TRUE(gen->init(size.width, size.height));
+  EXPECT_TRUE(gen->set_camera_params(dir.c_str()));
+  for (int c = 0; c < 2; ++c) {
+    for (int i = 0; i < 13; ++i) {
+      cv::Mat frame = frames[c][i].clone();
+      gen->rectify(frame.data, frame.cols, frame.rows, frame.step, c);
+      gen->setpict(frame.data, frame.step, c, i);
+    }
+  }
+  gen->exec();
+  return gen;
+}
+
+// Points of a calibration come out in its left rectified camera's frame.
+// The binary form keeps no rectifying rotation; the YAML form of the same
+// directory does.
+inline cv::Matx33d world_from_rect(const std::string& dir,
+                                   const std::array<SimCamera, 2>& cameras) {
+  StereoCamera pair(cv::Size(0, 0));
+  EXPECT_TRUE(pair.load(dir));
+  const cv::Matx33d rect_from_cam0(cv::Mat(pair.cam0_R2));
+  return cam0_from_world(cameras).t() * rect_from_cam0.t();
+}
+
+struct SurfaceError {
+  int points = 0;
+  double median = 0.0;
+  double p95 = 0.0;
+};
+
+// Distances of the generator's points, taken to the world by
+// world_from_rect, to the nearest true surface.
+inline SurfaceError surface_error(const iPointCloudGenerator& gen, const VirtualSensor& sensor,
+                                  const cv::Matx33d& world_from_rect) {
+  std::vector<double> d;
+  const PointCloudElement* p = gen.get_pointcloud_ptr();
+  for (int i = 0; i < gen.get_pointcloud_cnt(); ++i) {
+    d.push_back(sensor.distance_to_scene(world_from_rect * cv::Vec3d(p[i].x, p[i].y, p[i].z)));
+  }
+  SurfaceError e;
+  e.points = static_cast<int>(d.size());
+  if (d.empty()) return e;
+  std::sort(d.begin(), d.end());
+  e.median = d[d.size() / 2];
+  e.p95 = d[d.size() * 95 / 100];
+  return e;
 }
 
 }  // namespace testing

@@ -12,8 +12,9 @@
 
 #include <unistd.h>
 
+#include "e2e_util.h"
+
 #include <sl3d/pointcloud/PointCloudGenerator.h>
-#include <sl3d/camera/stereo_camera.h>
 #include <sl3d/psft/psft.h>
 #include <sl3d/sim/sim_calibration.h>
 #include <sl3d/sim/virtual_sensor.h>
@@ -26,30 +27,6 @@ namespace fs = std::filesystem;
 SimRig rig_640() {
   SimRig rig = SimRig::scaled(640, 512);
   return rig;
-}
-
-struct SurfaceError {
-  int points = 0;
-  double median = 0.0;
-  double p95 = 0.0;
-};
-
-// Distances of the points (in the left rectified camera's frame) to the
-// nearest true surface.
-SurfaceError surface_error(const iPointCloudGenerator& gen, const VirtualSensor& sensor,
-                           const cv::Matx33d& world_from_rect) {
-  std::vector<double> d;
-  const PointCloudElement* p = gen.get_pointcloud_ptr();
-  for (int i = 0; i < gen.get_pointcloud_cnt(); ++i) {
-    d.push_back(sensor.distance_to_scene(world_from_rect * cv::Vec3d(p[i].x, p[i].y, p[i].z)));
-  }
-  SurfaceError e;
-  e.points = static_cast<int>(d.size());
-  if (d.empty()) return e;
-  std::sort(d.begin(), d.end());
-  e.median = d[d.size() / 2];
-  e.p95 = d[d.size() * 95 / 100];
-  return e;
 }
 
 class RawCaptures : public ::testing::Test {
@@ -68,30 +45,12 @@ class RawCaptures : public ::testing::Test {
     delete sensor_;
   }
 
-  // Loads the directory, rectifies copies of the raw frames and measures.
   PhaseShift* measure(const std::string& dir) {
-    auto* gen = static_cast<PhaseShift*>(createPointCloudGenerator(0));
-    gen->verbose = 0;
-    EXPECT_TRUE(gen->init(640, 512));
-    EXPECT_TRUE(gen->set_camera_params(dir.c_str()));
-    for (int c = 0; c < 2; ++c) {
-      for (int i = 0; i < 13; ++i) {
-        cv::Mat frame = frames_[c][i].clone();
-        gen->rectify(frame.data, frame.cols, frame.rows, frame.step, c);
-        gen->setpict(frame.data, frame.step, c, i);
-      }
-    }
-    gen->exec();
-    return gen;
+    return testing::measure_raw_phase_shift(dir, frames_);
   }
 
-  // The binary form keeps no rectifying rotation; the YAML form of the
-  // same directory does.
   cv::Matx33d world_from_rect() const {
-    StereoCamera pair(cv::Size(0, 0));
-    EXPECT_TRUE(pair.load(dir_->string()));
-    const cv::Matx33d rect_from_cam0(cv::Mat(pair.cam0_R2));
-    return cam0_from_world(cameras_).t() * rect_from_cam0.t();
+    return testing::world_from_rect(dir_->string(), cameras_);
   }
 
   static fs::path* dir_;
@@ -108,11 +67,11 @@ std::vector<cv::Mat> RawCaptures::frames_[2];
 TEST_F(RawCaptures, AllThreeModesLandOnTheTrueSurfaces) {
   PhaseShift* gen = measure(dir_->string());
   const cv::Matx33d to_world = world_from_rect();
-  SurfaceError errors[3];
+  testing::SurfaceError errors[3];
   std::vector<PointCloudElement> by_q;
   for (int mode = 0; mode < 3; ++mode) {
     gen->genPC(mode);
-    errors[mode] = surface_error(*gen, *sensor_, to_world);
+    errors[mode] = testing::surface_error(*gen, *sensor_, to_world);
     const PointCloudElement* p = gen->get_pointcloud_ptr();
     if (mode == 0) by_q.assign(p, p + gen->get_pointcloud_cnt());
     // For a rectified pair the three triangulations are the same geometry.
@@ -126,7 +85,7 @@ TEST_F(RawCaptures, AllThreeModesLandOnTheTrueSurfaces) {
                 errors[mode].points, errors[mode].median, errors[mode].p95);
   }
   gen->destroy();
-  for (const SurfaceError& e : errors) {
+  for (const testing::SurfaceError& e : errors) {
     EXPECT_GT(e.points, 640 * 512 / 2);
     // 0.1 px of disparity is about 1.4 mm at this depth and size.
     EXPECT_LT(e.median, 0.6);
