@@ -8,7 +8,6 @@ namespace sl3d {
 
 namespace {
 
-constexpr double kDegToRad = 3.14159265358979323846 / 180.0;
 // Pixels kept free around the board in every image.
 constexpr double kImageMarginPx = 8.0;
 // Where the views aim, as fractions of half of camera 0's image: its middle,
@@ -17,12 +16,11 @@ const cv::Point2d kAims[] = {{0, 0},      {-0.6, -0.6}, {0.6, 0.6},  {0.6, -0.6}
                              {-0.6, 0.6}, {0, -0.7},    {0.7, 0},    {0, 0.7},
                              {-0.7, 0},   {-0.4, 0.3},  {0.4, -0.3}, {0.3, 0.4}};
 
-cv::Matx33d board_rotation(const ViewAngles& a) {
-  const double ax = a.tilt_x * kDegToRad, ay = a.tilt_y * kDegToRad, az = a.roll * kDegToRad;
-  const cv::Matx33d rx(1, 0, 0, 0, std::cos(ax), -std::sin(ax), 0, std::sin(ax), std::cos(ax));
-  const cv::Matx33d ry(std::cos(ay), 0, std::sin(ay), 0, 1, 0, -std::sin(ay), 0, std::cos(ay));
-  const cv::Matx33d rz(std::cos(az), -std::sin(az), 0, std::sin(az), std::cos(az), 0, 0, 0, 1);
-  return ry * rx * rz;
+// The board's orientation facing camera 0, as board_pose_facing turns it.
+cv::Matx33d board_rotation(const BoardLayout& layout, const ViewAngles& a) {
+  cv::Matx33d r;
+  cv::Rodrigues(board_pose_facing(layout, 1.0, a.tilt_x, a.tilt_y, a.roll).rvec, r);
+  return r;
 }
 
 // The board's outline: its four corners, margin included.
@@ -77,7 +75,7 @@ std::vector<BoardPose> calibration_poses(const std::array<SimCamera, 2>& cameras
   const std::vector<cv::Vec3d> corners = board_corners(layout);
   std::vector<BoardPose> poses;
   for (std::size_t k = 0; k < angles.size(); ++k) {
-    const cv::Matx33d rotation = board_rotation(angles[k]);
+    const cv::Matx33d rotation = board_rotation(layout, angles[k]);
     const double distance = distances[k % 3];
     cv::Point2d aim = kAims[k % (sizeof kAims / sizeof kAims[0])];
     BoardPose pose = aimed_pose(cameras, layout, rotation, aim, distance);
