@@ -17,21 +17,32 @@ DistortCamera refreshed_copy(const DistortCamera& cam, const std::string& name) 
   return out;
 }
 
-}  // namespace
+// The refreshed pair, named "cam0" and "cam1".
+struct DirectoryPair {
+  DistortCamera cams[2];
+  explicit DirectoryPair(const DistortCamera* in)
+      : cams{refreshed_copy(in[0], "cam0"), refreshed_copy(in[1], "cam1")} {}
+};
 
-bool store_camera_files(const DistortCamera* cams, const std::string& dir) {
-  DistortCamera pair_cams[2] = {refreshed_copy(cams[0], "cam0"), refreshed_copy(cams[1], "cam1")};
-  for (DistortCamera& cam : pair_cams) {
+bool save_camera_files(DirectoryPair& pair, const std::string& dir) {
+  for (DistortCamera& cam : pair.cams) {
     cv::FileStorage fs(dir + "/" + cam.name + "_param.yaml", cv::FileStorage::WRITE);
     if (!fs.isOpened() || !cam.save(&fs)) return false;
   }
   return true;
 }
 
+}  // namespace
+
+bool store_camera_files(const DistortCamera* cams, const std::string& dir) {
+  DirectoryPair pair(cams);
+  return save_camera_files(pair, dir);
+}
+
 bool store_calibration_directory(const DistortCamera* cams, const std::string& dir) {
-  if (!store_camera_files(cams, dir)) return false;
-  DistortCamera pair_cams[2] = {refreshed_copy(cams[0], "cam0"), refreshed_copy(cams[1], "cam1")};
-  StereoCamera pair(pair_cams, -1.0, 0, cv::Size(0, 0), cv::Scalar(0, 0, 0, 0),
+  DirectoryPair cameras(cams);
+  if (!save_camera_files(cameras, dir)) return false;
+  StereoCamera pair(cameras.cams, -1.0, 0, cv::Size(0, 0), cv::Scalar(0, 0, 0, 0),
                     cv::Scalar(0, 0, 0, 0));
   return store_StereoCamera_to_Hmats(&pair, dir + "/hmat0.dat", dir + "/hmat1.dat",
                                      dir + "/rect.param") &&
