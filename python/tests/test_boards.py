@@ -1,6 +1,8 @@
 """Board recognition and calibration from Python on rendered views whose
 circle centres, marker numbers and cameras are known."""
 
+from concurrent.futures import ThreadPoolExecutor
+
 import numpy as np
 import pytest
 
@@ -100,3 +102,13 @@ def test_calibration_failures_raise(calibration_set):
         calib.exec([points[:10]], [points])
     with pytest.raises(TypeError):
         calib.exec(points, points)
+
+
+def test_threads_share_a_recognizer_one_call_at_a_time():
+    views = sim.board_views("pellux", views=2)
+    recognizer = sl3d.BoardRecognizer("pellux", **views.params)
+    with ThreadPoolExecutor(4) as pool:
+        results = list(pool.map(recognizer.recognize, views.images * 4))
+    for index, result in enumerate(results):
+        assert result.code == 0
+        assert np.array_equal(result.points, results[index % 2].points)
