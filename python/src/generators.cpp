@@ -10,6 +10,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <pybind11/numpy.h>
@@ -125,23 +126,27 @@ class Generator {
   Generator(const py::handle& method, bool verbose) : method_(parse_method(method)) {
     gen_.reset(createPointCloudGenerator(static_cast<int>(method_)));
     if (!gen_) throw std::bad_alloc();
-    set_verbose(gen_.get(), verbose);
+    sl3d::set_verbose(gen_.get(), verbose);
   }
 
   std::string method() const { return method_name(method_); }
   int width() const { return width_; }
   int height() const { return height_; }
 
-  bool verbose() { return is_verbose(&live()); }
-  void set_verbosity(bool on) { set_verbose(&live(), on); }
+  bool verbose() {
+    return with_generator([](iPointCloudGenerator& gen) { return sl3d::is_verbose(&gen); });
+  }
+  void set_verbosity(bool on) {
+    with_generator([on](iPointCloudGenerator& gen) { return sl3d::set_verbose(&gen, on); });
+  }
 
   void init(int width, int height) {
     if (width < 1 || height < 1) throw py::value_error("width and height must be at least 1");
     if (static_cast<long long>(width) * height > INT_MAX) {
       throw py::value_error("width * height must stay below 2**31");
     }
-    iPointCloudGenerator& gen = live();
-    const bool ok = without_gil(lock_, [&] { return gen.init(width, height); });
+    const bool ok =
+        with_generator([&](iPointCloudGenerator& gen) { return gen.init(width, height); });
     width_ = ok ? width : 0;
     height_ = ok ? height : 0;
     calibrated_ = executed_ = false;
@@ -157,8 +162,9 @@ class Generator {
       return;
     }
     const cv::Mat_<double> q = matrix(value, 4, 4, "Q");
-    iPointCloudGenerator& gen = live();
-    if (!without_gil(lock_, [&] { return gen.set_camera_params(q[0]); })) throw std::bad_alloc();
+    if (!with_generator([&](iPointCloudGenerator& gen) { return gen.set_camera_params(q[0]); })) {
+      throw std::bad_alloc();
+    }
     calibrated_ = true;
   }
 
@@ -191,17 +197,15 @@ class Generator {
     }
     const cv::Mat view = image_view(image, "image");
     require_size(view, width_, height_, "image");
-    iPointCloudGenerator& gen = live();
-    without_gil(lock_, [&] { gen.setpict(view.data, view.step[0], camera, index); });
+    with_generator([&](iPointCloudGenerator& gen) {
+      gen.setpict(view.data, view.step[0], camera, index);
+    });
     note_frame(camera, method_ == Method::kPhaseShift ? index : 0);
   }
 
   py::array rectify(const py::handle& image, int camera, bool inplace) {
     require_init("rectify");
     check_camera(camera);
-    if (stereo_camera() == nullptr) {
-      throw LibraryError("rectify needs a calibration directory: set_camera_params(dir) first");
-    }
     const cv::Mat input = image_view(image, "image", inplace);
     require_size(input, width_, height_, "image");
     py::array out;
@@ -213,8 +217,10 @@ class Generator {
       target = cv::Mat(height_, width_, CV_8UC1, out.mutable_data());
       input.copyTo(target);
     }
-    iPointCloudGenerator& gen = live();
-    without_gil(lock_, [&] {
+    with_generator([&](iPointCloudGenerator& gen) {
+      if (stereo_camera(gen) == nullptr) {
+        throw LibraryError("rectify needs a calibration directory: set_camera_params(dir) first");
+      }
       gen.rectify(target.data, target.cols, target.rows, target.step[0], camera);
     });
     return out;
@@ -223,10 +229,9 @@ class Generator {
   int exec() {
     require_init("exec");
     require_complete_capture();
-    iPointCloudGenerator& gen = live();
     // The methods' own results differ (rows matched, records made); the
     // number of matches means the same for both.
-    const int matches = without_gil(lock_, [&] {
+    const int matches = with_generator([](iPointCloudGenerator& gen) {
       gen.exec();
       return static_cast<const PointCloudGenerator&>(gen).get_disparity_cnt();
     });
@@ -241,12 +246,12 @@ class Generator {
     if (!calibrated_) {
       throw LibraryError("genPC needs a Q matrix or calibration directory: set_camera_params first");
     }
-    if (mode != 0 && stereo_camera() == nullptr) {
-      throw py::value_error("modes 1 and 2 need a calibration directory; with Q alone use mode 0");
-    }
-    iPointCloudGenerator& gen = live();
     const std::size_t pixels = static_cast<std::size_t>(width_) * height_;
-    Cloud cloud = without_gil(lock_, [&] {
+    Cloud cloud = with_generator([&](iPointCloudGenerator& gen) {
+      if (mode != 0 && stereo_camera(gen) == nullptr) {
+        throw std::invalid_argument(
+            "modes 1 and 2 need a calibration directory; with Q alone use mode 0");
+      }
       // Modes 1 and 2 leave cells of pixels without a point as they were;
       // the grid handed back holds this generation's points only.
       std::fill(gen.get_rangegrid(), gen.get_rangegrid() + pixels, -1);
@@ -264,36 +269,50 @@ class Generator {
   }
 
   py::object q_matrix() {
-    const double* q = base().get_q_matrix();
-    if (q == nullptr) return py::none();
+    std::vector<double> q = with_generator([](iPointCloudGenerator& gen) {
+      const double* m = base(gen).get_q_matrix();
+      return m == nullptr ? std::vector<double>() : std::vector<double>(m, m + 16);
+    });
+    if (q.empty()) return py::none();
     py::array_t<double> out(std::vector<py::ssize_t>{4, 4});
-    std::memcpy(out.mutable_data(), q, 16 * sizeof(double));
+    std::copy(q.begin(), q.end(), out.mutable_data());
     return std::move(out);
   }
 
   // A copy of the loaded stereo model, or None.
   std::unique_ptr<StereoCamera> stereo_model() {
-    const StereoCamera* pair = stereo_camera();
-    return pair == nullptr ? nullptr : std::make_unique<StereoCamera>(*pair);
+    return with_generator([](iPointCloudGenerator& gen) {
+      const StereoCamera* pair = stereo_camera(gen);
+      return pair == nullptr ? nullptr : std::make_unique<StereoCamera>(*pair);
+    });
   }
 
   void close() {
-    std::lock_guard<std::mutex> guard(lock_);
-    gen_.reset();
+    without_gil(lock_, [this] { gen_.reset(); });
   }
 
  private:
-  iPointCloudGenerator& live() {
-    if (!gen_) throw LibraryError("the generator is closed");
-    return *gen_;
+  // Runs `work` on the generator without the GIL and with the generator's
+  // lock held (see without_gil).
+  template <class Work>
+  auto with_generator(Work&& work) -> decltype(work(std::declval<iPointCloudGenerator&>())) {
+    return without_gil(lock_, [&] {
+      if (!gen_) throw LibraryError("the generator is closed");
+      return work(*gen_);
+    });
   }
+
   // The factory's generators all derive from PointCloudGenerator, which
   // holds the inline accessors of the loaded calibration.
-  PointCloudGenerator& base() { return static_cast<PointCloudGenerator&>(live()); }
-  const StereoCamera* stereo_camera() { return base().get_stereo_camera(); }
+  static const PointCloudGenerator& base(const iPointCloudGenerator& gen) {
+    return static_cast<const PointCloudGenerator&>(gen);
+  }
+  static const StereoCamera* stereo_camera(const iPointCloudGenerator& gen) {
+    return base(gen).get_stereo_camera();
+  }
 
   void require_init(const char* call) {
-    live();
+    with_generator([](iPointCloudGenerator&) {});
     if (width_ == 0) {
       throw LibraryError(std::string(call) + " needs init(width, height) first");
     }
@@ -307,15 +326,18 @@ class Generator {
 
   template <class Block>
   void hand_params(Block block) {
-    iPointCloudGenerator& gen = live();
-    without_gil(lock_, [&] { gen.setparams(&block); });
+    with_generator([&](iPointCloudGenerator& gen) { gen.setparams(&block); });
   }
 
   void load_directory(const std::string& dir) {
-    iPointCloudGenerator& gen = live();
     bool loaded = false;
+    cv::Size raw;
     try {
-      loaded = without_gil(lock_, [&] { return gen.set_camera_params(dir.c_str()); });
+      loaded = with_generator([&](iPointCloudGenerator& gen) {
+        const bool ok = gen.set_camera_params(dir.c_str());
+        if (ok) raw = stereo_camera(gen)->oldcamSize;
+        return ok;
+      });
     } catch (const cv::Exception& e) {
       throw LibraryError(dir + ": corrupt calibration file (" + e.err + ")");
     }
@@ -325,7 +347,6 @@ class Generator {
                          std::to_string(height_) + " images nor cam0_param.yaml, "
                          "cam1_param.yaml load)");
     }
-    const cv::Size raw = stereo_camera()->oldcamSize;
     if (raw != cv::Size(width_, height_)) {
       calibrated_ = false;
       throw py::value_error(dir + ": the calibration is for " + std::to_string(raw.width) + "x" +

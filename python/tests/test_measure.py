@@ -3,6 +3,7 @@ virtual sensor's truth."""
 
 import subprocess
 import sys
+from concurrent.futures import ThreadPoolExecutor
 
 import numpy as np
 import pytest
@@ -95,6 +96,16 @@ def test_results_are_copies(loaded):
     second = loaded.genPC()
     assert len(second) < len(first)
     assert np.array_equal(first.points, kept)
+
+
+def test_threads_share_a_generator_one_call_at_a_time(loaded):
+    def measure(_):
+        matches = loaded.exec()
+        return matches, len(loaded.genPC())
+
+    with ThreadPoolExecutor(3) as pool:
+        results = list(pool.map(measure, range(6)))
+    assert len(set(results)) == 1 and results[0][1] > 0
 
 
 def test_params_by_name(loaded):
