@@ -48,9 +48,10 @@ void check_image(const py::array& a, const char* what) {
     throw py::value_error(name + " is too large, shape " + shape_text(a));
   }
   if (a.strides(1) != 1 || a.strides(0) < a.shape(1)) {
-    throw py::value_error(name + " must have rows contiguous in memory (strides (step, 1), "
-                          "step >= width); numpy.ascontiguousarray(" + name +
-                          ") gives such a copy");
+    throw py::value_error(name +
+                          " must have rows contiguous in memory (strides (step, 1), "
+                          "step >= width); numpy.ascontiguousarray(" +
+                          name + ") gives such a copy");
   }
 }
 
@@ -112,8 +113,8 @@ py::array_t<double> real_array(const py::handle& value, const char* what) {
 cv::Mat_<double> matrix(const py::handle& value, int rows, int cols, const char* what) {
   const py::array_t<double> a = real_array(value, what);
   if (a.ndim() != 2 || a.shape(0) != rows || a.shape(1) != cols) {
-    throw py::value_error(std::string(what) + " must have shape (" + std::to_string(rows) +
-                          ", " + std::to_string(cols) + "), got " + shape_text(a));
+    throw py::value_error(std::string(what) + " must have shape (" + std::to_string(rows) + ", " +
+                          std::to_string(cols) + "), got " + shape_text(a));
   }
   cv::Mat_<double> m(rows, cols);
   const double* data = a.data();
@@ -141,8 +142,7 @@ py::array_t<double> point_rows(const py::handle& value, int columns, const char*
 
 }  // namespace
 
-std::vector<cv::Point2f> points2f(const py::handle& value, const char* what,
-                                  bool nan_is_missing) {
+std::vector<cv::Point2f> points2f(const py::handle& value, const char* what, bool nan_is_missing) {
   const py::array_t<double> a = point_rows(value, 2, what);
   std::vector<cv::Point2f> points;
   points.reserve(static_cast<std::size_t>(a.size() / 2));
@@ -194,11 +194,20 @@ std::vector<cv::Vec3d> points3d(const py::handle& value, const char* what) {
 py::array to_array(const cv::Mat& m) {
   py::dtype dtype;
   switch (m.depth()) {
-    case CV_8U: dtype = py::dtype::of<std::uint8_t>(); break;
-    case CV_32S: dtype = py::dtype::of<std::int32_t>(); break;
-    case CV_32F: dtype = py::dtype::of<float>(); break;
-    case CV_64F: dtype = py::dtype::of<double>(); break;
-    default: throw std::runtime_error("unexpected matrix type " + std::to_string(m.type()));
+    case CV_8U:
+      dtype = py::dtype::of<std::uint8_t>();
+      break;
+    case CV_32S:
+      dtype = py::dtype::of<std::int32_t>();
+      break;
+    case CV_32F:
+      dtype = py::dtype::of<float>();
+      break;
+    case CV_64F:
+      dtype = py::dtype::of<double>();
+      break;
+    default:
+      throw std::runtime_error("unexpected matrix type " + std::to_string(m.type()));
   }
   std::vector<py::ssize_t> shape = {m.rows, m.cols};
   if (m.channels() > 1) shape.push_back(m.channels());

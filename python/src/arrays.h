@@ -51,8 +51,7 @@ cv::Mat_<double> matrix(const py::handle& value, int rows, int cols, const char*
 // An (n, 2) list of pixel positions. With `nan_is_missing`, NaN rows become
 // the library's "not found" mark (x = FLT_MAX); otherwise every value must
 // be finite. An empty sequence gives an empty list.
-std::vector<cv::Point2f> points2f(const py::handle& value, const char* what,
-                                  bool nan_is_missing);
+std::vector<cv::Point2f> points2f(const py::handle& value, const char* what, bool nan_is_missing);
 std::vector<cv::Point2d> points2d(const py::handle& value, const char* what);
 // An (n, 3) list of finite points.
 std::vector<cv::Vec3d> points3d(const py::handle& value, const char* what);

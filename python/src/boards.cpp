@@ -42,17 +42,19 @@ struct Key {
 };
 
 const std::vector<Key> kPreKeys = {
-    {"do_reverse_bw", Kind::kBool}, {"do_equalize_hist", Kind::kBool},
-    {"do_smoothing", Kind::kBool},  {"bin_type", Kind::kInt},
-    {"bin_param0", Kind::kInt},     {"bin_param1", Kind::kInt},
+    {"do_reverse_bw", Kind::kBool},   {"do_equalize_hist", Kind::kBool},
+    {"do_smoothing", Kind::kBool},    {"bin_type", Kind::kInt},
+    {"bin_param0", Kind::kInt},       {"bin_param1", Kind::kInt},
     {"gamma_correction", Kind::kReal}};
-const std::vector<Key> kMarkerKeys = {
-    {"fitscore", Kind::kReal}, {"n_minimum", Kind::kInt}, {"max_radius", Kind::kReal},
-    {"min_radius", Kind::kReal}, {"debug_show_scale", Kind::kReal}};
+const std::vector<Key> kMarkerKeys = {{"fitscore", Kind::kReal},
+                                      {"n_minimum", Kind::kInt},
+                                      {"max_radius", Kind::kReal},
+                                      {"min_radius", Kind::kReal},
+                                      {"debug_show_scale", Kind::kReal}};
 const std::vector<Key> kBoardKeys = {
-    {"unit_length", Kind::kReal}, {"n_circles_x", Kind::kInt}, {"n_circles_y", Kind::kInt},
-    {"origin_x", Kind::kInt},     {"origin_y", Kind::kInt},
-    {"distance_between_circles", Kind::kReal}};
+    {"unit_length", Kind::kReal}, {"n_circles_x", Kind::kInt},
+    {"n_circles_y", Kind::kInt},  {"origin_x", Kind::kInt},
+    {"origin_y", Kind::kInt},     {"distance_between_circles", Kind::kReal}};
 
 constexpr long kMaxMarkers = 1000000;
 
@@ -82,8 +84,8 @@ std::map<std::string, double> key_map(const py::handle& values, const std::vecto
       if (v != 0.0 && v != 1.0) throw py::value_error("'" + name + "' must be 0 or 1");
       out[name] = v;
     } else {
-      out[name] = key->kind == Kind::kInt ? int_value(item.second, name)
-                                          : real_value(item.second, name);
+      out[name] =
+          key->kind == Kind::kInt ? int_value(item.second, name) : real_value(item.second, name);
     }
   }
   return out;
@@ -239,7 +241,8 @@ class Recognizer {
       return py::make_tuple(to_array(out0, false), positions_array(out3d));
     }
     const std::vector<cv::Point2f> p1 = marker_list(points1, n, "points1");
-    if (p0.empty() || p1.empty()) return py::make_tuple(to_array(out0, false), to_array(out1, false), positions_array(out3d));
+    if (p0.empty() || p1.empty())
+      return py::make_tuple(to_array(out0, false), to_array(out1, false), positions_array(out3d));
     without_gil(lock_, [&] { recognizer_->corresponding_points(p0, p1, out0, out1, out3d); });
     return py::make_tuple(to_array(out0, false), to_array(out1, false), positions_array(out3d));
   }
@@ -304,8 +307,7 @@ class Recognizer {
 class Calibrator {
  public:
   Calibrator(const std::string& family, const py::handle& pre, const py::handle& marker,
-             const py::handle& board, int flags, double focal_length,
-             const py::handle& image_size)
+             const py::handle& board, int flags, double focal_length, const py::handle& image_size)
       : family_(family), calib_(board_type(family)) {
     update_records(records_, pre, marker, board);
     if (!image_size.is_none()) {
@@ -331,8 +333,9 @@ class Calibrator {
   py::tuple exec(const py::handle& left, const py::handle& right) {
     const cv::Size size = without_gil(lock_, [&] { return calib_.recognizer->image_size(); });
     if (size.area() == 0) {
-      throw LibraryError("the image size is unknown: recognize the images with this calibrator "
-                         "or give image_size");
+      throw LibraryError(
+          "the image size is unknown: recognize the images with this calibrator "
+          "or give image_size");
     }
     std::vector<std::vector<std::vector<cv::Point2f>>> points = {views(left, "left"),
                                                                  views(right, "right")};
@@ -340,15 +343,16 @@ class Calibrator {
                                        DistortCamera(cv::Size(0, 0), "cam1")};
     std::vector<std::vector<double>> errors(2);
     double rms = 0.0;
-    const int code =
-        without_gil(lock_, [&] { return calib_.exec(cams, points, errors, &rms); });
+    const int code = without_gil(lock_, [&] { return calib_.exec(cams, points, errors, &rms); });
     if (code == 1) {
-      throw CalibrationFailure(1, "a camera could not be calibrated: it needs views with at "
-                                  "least 5 markers found");
+      throw CalibrationFailure(1,
+                               "a camera could not be calibrated: it needs views with at "
+                               "least 5 markers found");
     }
     if (code != 0) {
-      throw CalibrationFailure(code, "the pair could not be calibrated: no view has markers "
-                                     "found in both images");
+      throw CalibrationFailure(code,
+                               "the pair could not be calibrated: no view has markers "
+                               "found in both images");
     }
     py::list cameras;
     for (DistortCamera& cam : cams) cameras.append(py::cast(std::move(cam)));
@@ -391,7 +395,8 @@ void store_directory(const py::handle& cameras, const py::handle& directory, boo
   }
   bool ok = false;
   try {
-    ok = files_only ? store_camera_files(cams.data(), dir) : store_calibration_directory(cams.data(), dir);
+    ok = files_only ? store_camera_files(cams.data(), dir)
+                    : store_calibration_directory(cams.data(), dir);
   } catch (const cv::Exception& e) {
     throw LibraryError("the cameras cannot be rectified as a pair (" + e.err + ")");
   }
@@ -460,14 +465,17 @@ recognize releases the GIL; one recognizer serves one call at a time.)doc")
       .def("_recognize", &Calibrator::recognize, py::arg("image"))
       .def("_exec", &Calibrator::exec, py::arg("left"), py::arg("right"));
 
-  m.def("store_calibration_directory",
-        [](const py::handle& cameras, const py::handle& dir) { store_directory(cameras, dir, false); },
-        py::arg("cameras"), py::arg("directory"),
-        "Writes the calibrated pair as a calibration directory (all three forms).");
-  m.def("store_camera_files",
-        [](const py::handle& cameras, const py::handle& dir) { store_directory(cameras, dir, true); },
-        py::arg("cameras"), py::arg("directory"),
-        "Writes cam0_param.yaml and cam1_param.yaml only.");
+  m.def(
+      "store_calibration_directory",
+      [](const py::handle& cameras, const py::handle& dir) {
+        store_directory(cameras, dir, false);
+      },
+      py::arg("cameras"), py::arg("directory"),
+      "Writes the calibrated pair as a calibration directory (all three forms).");
+  m.def(
+      "store_camera_files",
+      [](const py::handle& cameras, const py::handle& dir) { store_directory(cameras, dir, true); },
+      py::arg("cameras"), py::arg("directory"), "Writes cam0_param.yaml and cam1_param.yaml only.");
 }
 
 }  // namespace python

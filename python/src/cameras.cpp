@@ -184,15 +184,16 @@ std::unique_ptr<StereoCamera> from_directory(const py::handle& dir_value, const 
     pair.reset(create_StereoCamera_from_Hmats(dir + "/hmat0.dat", dir + "/hmat1.dat",
                                               dir + "/rect.param", s, black, black));
     if (!pair) {
-      pair.reset(create_StereoCamera({dir + "/cam0_param.yaml", dir + "/cam1_param.yaml"}, s,
-                                     -1.0, 0, black, black));
+      pair.reset(create_StereoCamera({dir + "/cam0_param.yaml", dir + "/cam1_param.yaml"}, s, -1.0,
+                                     0, black, black));
     }
   } catch (const cv::Exception& e) {
     throw LibraryError(dir + ": corrupt calibration file (" + e.err + ")");
   }
   if (!pair) {
-    throw LibraryError(dir + ": no usable calibration (neither hmat0.dat, hmat1.dat, rect.param "
-                             "nor cam0_param.yaml, cam1_param.yaml load)");
+    throw LibraryError(dir +
+                       ": no usable calibration (neither hmat0.dat, hmat1.dat, rect.param "
+                       "nor cam0_param.yaml, cam1_param.yaml load)");
   }
   return pair;
 }
@@ -226,7 +227,8 @@ void save_yaml(StereoCamera& pair, const py::handle& dir_value) {
 
 void save_binary(StereoCamera& pair, const py::handle& dir_value) {
   const std::string dir = existing_directory(dir_value);
-  if (pair.cameras[0].map1.empty()) throw LibraryError("this stereo model has no rectification maps");
+  if (pair.cameras[0].map1.empty())
+    throw LibraryError("this stereo model has no rectification maps");
   if (!store_StereoCamera_to_Hmats(&pair, dir + "/hmat0.dat", dir + "/hmat1.dat",
                                    dir + "/rect.param")) {
     throw FileError(dir + ": the binary form could not be written");
@@ -244,7 +246,8 @@ void bind_cameras(py::module_& m) {
       .def_property_readonly("R", [](const PinHoleCamera& c) { return to_array(cv::Mat(c.R)); })
       .def_property_readonly("T", [](const PinHoleCamera& c) { return to_vector(c.T); })
       .def_property_readonly("P", &projection_rows, "The 3x4 projection matrix K [R | T].")
-      .def_property_readonly("center", [](const PinHoleCamera& c) { return to_vector(c.get_center()); })
+      .def_property_readonly("center",
+                             [](const PinHoleCamera& c) { return to_vector(c.get_center()); })
       .def("project", &project<PinHoleCamera>, py::arg("points"),
            "Pixels (n, 2) of world points (n, 3).");
 
@@ -258,9 +261,10 @@ void bind_cameras(py::module_& m) {
 
   py::class_<UndistortCamera, PinHoleCamera>(m, "UndistortCamera",
                                              "A rectified camera of a stereo pair.")
-      .def_property_readonly("roi", [](const UndistortCamera& c) {
-        return py::make_tuple(c.roi.x, c.roi.y, c.roi.width, c.roi.height);
-      })
+      .def_property_readonly("roi",
+                             [](const UndistortCamera& c) {
+                               return py::make_tuple(c.roi.x, c.roi.y, c.roi.width, c.roi.height);
+                             })
       .def_property_readonly("has_maps", [](const UndistortCamera& c) { return !c.map1.empty(); });
 
   py::class_<StereoCamera>(m, "StereoCamera", "A calibrated, rectified camera pair.")
@@ -270,17 +274,22 @@ void bind_cameras(py::module_& m) {
       .def_static("load", &load_yaml, py::arg("directory"))
       .def_property_readonly("Q", [](const StereoCamera& p) { return to_array(p.Q); })
       .def_readonly("name", &StereoCamera::name)
-      .def_property_readonly("raw_size", [](const StereoCamera& p) { return size_tuple(p.oldcamSize); })
-      .def_property_readonly("size", [](const StereoCamera& p) { return size_tuple(p.cameras[0].size); })
-      .def_property_readonly("cam0_R2", [](const StereoCamera& p) { return to_array(cv::Mat(p.cam0_R2)); })
-      .def_property_readonly("cam1_R2", [](const StereoCamera& p) { return to_array(cv::Mat(p.cam1_R2)); })
+      .def_property_readonly("raw_size",
+                             [](const StereoCamera& p) { return size_tuple(p.oldcamSize); })
+      .def_property_readonly("size",
+                             [](const StereoCamera& p) { return size_tuple(p.cameras[0].size); })
+      .def_property_readonly("cam0_R2",
+                             [](const StereoCamera& p) { return to_array(cv::Mat(p.cam0_R2)); })
+      .def_property_readonly("cam1_R2",
+                             [](const StereoCamera& p) { return to_array(cv::Mat(p.cam1_R2)); })
       .def_property_readonly("camdis", [](const StereoCamera& p) { return to_vector(p.camdis); })
       .def_property_readonly(
           "cameras",
           [](py::object self) {
             StereoCamera& pair = self.cast<StereoCamera&>();
-            return py::make_tuple(py::cast(&pair.cameras[0], py::return_value_policy::reference_internal, self),
-                                  py::cast(&pair.cameras[1], py::return_value_policy::reference_internal, self));
+            return py::make_tuple(
+                py::cast(&pair.cameras[0], py::return_value_policy::reference_internal, self),
+                py::cast(&pair.cameras[1], py::return_value_policy::reference_internal, self));
           })
       .def("rectify", &rectify_image, py::arg("image"), py::arg("camera"))
       .def("triangulate", &triangulate, py::arg("left"), py::arg("right"))

@@ -197,9 +197,8 @@ class Generator {
     }
     const cv::Mat view = image_view(image, "image");
     require_size(view, width_, height_, "image");
-    with_generator([&](iPointCloudGenerator& gen) {
-      gen.setpict(view.data, view.step[0], camera, index);
-    });
+    with_generator(
+        [&](iPointCloudGenerator& gen) { gen.setpict(view.data, view.step[0], camera, index); });
     note_frame(camera, method_ == Method::kPhaseShift ? index : 0);
   }
 
@@ -244,7 +243,8 @@ class Generator {
     if (mode < 0 || mode > 2) throw py::value_error("mode must be 0, 1 or 2");
     if (!executed_) throw LibraryError("genPC needs exec() first");
     if (!calibrated_) {
-      throw LibraryError("genPC needs a Q matrix or calibration directory: set_camera_params first");
+      throw LibraryError(
+          "genPC needs a Q matrix or calibration directory: set_camera_params first");
     }
     const std::size_t pixels = static_cast<std::size_t>(width_) * height_;
     Cloud cloud = with_generator([&](iPointCloudGenerator& gen) {
@@ -342,9 +342,11 @@ class Generator {
       throw LibraryError(dir + ": corrupt calibration file (" + e.err + ")");
     }
     if (!loaded) {
-      throw LibraryError(dir + ": no usable calibration (neither hmat0.dat, hmat1.dat, "
-                               "rect.param for " + std::to_string(width_) + "x" +
-                         std::to_string(height_) + " images nor cam0_param.yaml, "
+      throw LibraryError(dir +
+                         ": no usable calibration (neither hmat0.dat, hmat1.dat, "
+                         "rect.param for " +
+                         std::to_string(width_) + "x" + std::to_string(height_) +
+                         " images nor cam0_param.yaml, "
                          "cam1_param.yaml load)");
     }
     if (raw != cv::Size(width_, height_)) {
@@ -369,8 +371,7 @@ class Generator {
     for (int camera = 0; camera < 2; ++camera) {
       for (int index = 0; index < frames; ++index) {
         if (frames_[camera] & (1u << index)) continue;
-        missing += (missing.empty() ? "" : ", ") + std::string("camera ") +
-                   std::to_string(camera) +
+        missing += (missing.empty() ? "" : ", ") + std::string("camera ") + std::to_string(camera) +
                    (method_ == Method::kPhaseShift ? " index " + std::to_string(index) : "");
       }
     }
@@ -402,8 +403,8 @@ class Generator {
   Method method_;
   int width_ = 0;
   int height_ = 0;
-  bool calibrated_ = false;  // Q or a directory since init
-  bool executed_ = false;    // exec since init
+  bool calibrated_ = false;           // Q or a directory since init
+  bool executed_ = false;             // exec since init
   std::array<unsigned, 2> frames_{};  // per camera, bit i: frame i handed in
   PhaseShiftParams phaseshift_;       // the blocks last handed to setparams
   SGBMParams sgbm_;                   // (the factory's defaults at first)
@@ -412,7 +413,8 @@ class Generator {
 
 // Checks the file writePLY made: it reports neither a failed open nor a
 // short write. The body's size follows from the content.
-void verify_ply(const std::string& path, std::size_t points, const std::vector<std::int32_t>& grid) {
+void verify_ply(const std::string& path, std::size_t points,
+                const std::vector<std::int32_t>& grid) {
   std::ifstream in(path, std::ios::binary);
   if (!in) throw FileError(path + ": cannot create the file");
   std::size_t header = 0;
@@ -443,14 +445,20 @@ void write_ply(const py::handle& path_value, const py::handle& points_value,
   }
   std::vector<PointCloudElement> cloud(xyz.size());
   for (std::size_t i = 0; i < xyz.size(); ++i) {
-    cloud[i] = {static_cast<float>(xyz[i][0]), static_cast<float>(xyz[i][1]),
-                static_cast<float>(xyz[i][2]), grey[i], grey[i], grey[i], 0};
+    cloud[i] = {static_cast<float>(xyz[i][0]),
+                static_cast<float>(xyz[i][1]),
+                static_cast<float>(xyz[i][2]),
+                grey[i],
+                grey[i],
+                grey[i],
+                0};
   }
   std::vector<std::int32_t> grid;
   int cols = 0, rows = 0;
   if (!grid_value.is_none()) {
     const py::array_t<double> a = real_array(grid_value, "range_grid");
-    if (a.ndim() != 2 || a.size() == 0) throw py::value_error("range_grid must be 2-D (height, width)");
+    if (a.ndim() != 2 || a.size() == 0)
+      throw py::value_error("range_grid must be 2-D (height, width)");
     rows = static_cast<int>(a.shape(0));
     cols = static_cast<int>(a.shape(1));
     for (py::ssize_t i = 0; i < a.size(); ++i) {
@@ -461,9 +469,9 @@ void write_ply(const py::handle& path_value, const py::handle& points_value,
       grid.push_back(static_cast<std::int32_t>(v));
     }
   }
-  const int status = writePLY(path, cloud.data(), static_cast<int>(cloud.size()),
-                              grid.empty() ? nullptr : reinterpret_cast<const unsigned*>(grid.data()),
-                              cols, rows);
+  const int status =
+      writePLY(path, cloud.data(), static_cast<int>(cloud.size()),
+               grid.empty() ? nullptr : reinterpret_cast<const unsigned*>(grid.data()), cols, rows);
   if (status != 0) throw FileError(path + ": writing failed while closing the file");
   verify_ply(path, cloud.size(), grid);
 }

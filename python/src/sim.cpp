@@ -72,14 +72,16 @@ SimLight light_from(const py::handle& values) {
     } else if (key == "supersampling") {
       light.supersampling = int_value(item.second, key);
     } else {
-      throw py::key_error("unknown light key '" + key + "' (known: ambient, projector_gain, "
+      throw py::key_error("unknown light key '" + key +
+                          "' (known: ambient, projector_gain, "
                           "fringe_contrast, blur_sigma_px, noise_sigma, seed, supersampling)");
     }
   }
   if (light.blur_sigma_px < 0 || light.blur_sigma_px > 50) {
     throw py::value_error("blur_sigma_px must be 0..50");
   }
-  if (light.noise_sigma < 0 || light.noise_sigma > 100) throw py::value_error("noise_sigma must be 0..100");
+  if (light.noise_sigma < 0 || light.noise_sigma > 100)
+    throw py::value_error("noise_sigma must be 0..100");
   if (light.supersampling < 1 || light.supersampling > 8) {
     throw py::value_error("supersampling must be 1..8");
   }
@@ -94,7 +96,8 @@ void check_camera(int camera) {
 
 py::array frames_array(const std::vector<cv::Mat>& frames) {
   const int rows = frames[0].rows, cols = frames[0].cols;
-  py::array_t<std::uint8_t> out(std::vector<py::ssize_t>{static_cast<py::ssize_t>(frames.size()), rows, cols});
+  py::array_t<std::uint8_t> out(
+      std::vector<py::ssize_t>{static_cast<py::ssize_t>(frames.size()), rows, cols});
   std::uint8_t* dst = out.mutable_data();
   for (const cv::Mat& frame : frames) {
     for (int r = 0; r < rows; ++r, dst += cols) std::memcpy(dst, frame.ptr(r), cols);
@@ -155,7 +158,8 @@ class Sensor {
   py::array_t<double> distance_to_scene(const py::handle& points) {
     const std::vector<cv::Vec3d> p = points3d(points, "points");
     py::array_t<double> out(static_cast<py::ssize_t>(p.size()));
-    for (std::size_t i = 0; i < p.size(); ++i) out.mutable_data()[i] = sensor_.distance_to_scene(p[i]);
+    for (std::size_t i = 0; i < p.size(); ++i)
+      out.mutable_data()[i] = sensor_.distance_to_scene(p[i]);
     return out;
   }
 
@@ -204,7 +208,8 @@ BoardFamily family_of(const std::string& name) {
 }
 
 BoardImaging imaging_of(double noise, double blur) {
-  if (!std::isfinite(noise) || noise < 0 || noise > 100) throw py::value_error("noise must be 0..100");
+  if (!std::isfinite(noise) || noise < 0 || noise > 100)
+    throw py::value_error("noise must be 0..100");
   if (!std::isfinite(blur) || blur < 0 || blur > 50) throw py::value_error("blur must be 0..50");
   BoardImaging imaging;
   imaging.noise_sigma = noise;
@@ -228,8 +233,8 @@ py::dict board_views_of(const std::string& family_value, int width, int height,
   const BoardFamily family = family_of(family_value);
   check_render_size(width, height);
   const std::vector<ViewAngles>& angles = board_views(family);
-  const int count = count_value.is_none() ? static_cast<int>(angles.size())
-                                          : int_value(count_value, "views");
+  const int count =
+      count_value.is_none() ? static_cast<int>(angles.size()) : int_value(count_value, "views");
   if (count < 1 || count > static_cast<int>(angles.size())) {
     throw py::value_error("views must be 1.." + std::to_string(angles.size()));
   }
@@ -250,8 +255,9 @@ py::dict board_views_of(const std::string& family_value, int width, int height,
       const ViewAngles& a = angles[view];
       imaging.seed = 1 + view;
       renderings.push_back(render_board(
-          board.layout, board_pose_facing(board.layout, kBoardDistanceMm, a.tilt_x, a.tilt_y, a.roll),
-          camera, imaging));
+          board.layout,
+          board_pose_facing(board.layout, kBoardDistanceMm, a.tilt_x, a.tilt_y, a.roll), camera,
+          imaging));
     }
   }
   py::dict d = board_truth(board);

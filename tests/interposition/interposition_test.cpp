@@ -42,12 +42,13 @@ TEST(Interposition, ProgramExportsItsOwnDefinitions) {
 
 TEST(Interposition, RecognitionUsesTheLibrarysOwnCode) {
   const sl3d::BoardCamera camera;
-  const sl3d::SynthBoard board = sl3d::synth_board(
-      sl3d::BoardFamily::kPellux, sl3d::min_radius_for(sl3d::BoardGrid::detection(), camera.fx, 330.0));
+  const sl3d::SynthBoard board =
+      sl3d::synth_board(sl3d::BoardFamily::kPellux,
+                        sl3d::min_radius_for(sl3d::BoardGrid::detection(), camera.fx, 330.0));
   const sl3d::ViewAngles& view = sl3d::board_views(sl3d::BoardFamily::kPellux)[0];
   const sl3d::BoardRendering rendering = sl3d::render_board(
-      board.layout, sl3d::board_pose_facing(board.layout, 330.0, view.tilt_x, view.tilt_y, view.roll),
-      camera);
+      board.layout,
+      sl3d::board_pose_facing(board.layout, 330.0, view.tilt_x, view.tilt_y, view.roll), camera);
 
   iCalibBoardRecognizer* recognizer = CreateCalibBoardRecognizer();
   ASSERT_NE(recognizer, nullptr);
