@@ -12,6 +12,9 @@ import sl3d
 from conftest import HEIGHT, WIDTH, run_tool
 
 
+# Small captures: the comparison is exact, size does not matter.
+TOOL_WIDTH, TOOL_HEIGHT = 160, 128
+
 # A scan of the tool's captures, as a Python user writes it. It runs in a
 # process of its own, as the tool does: the phase-shift generator's
 # disparity map is never cleared (the smoothness test compares with what an
@@ -38,13 +41,13 @@ for camera in (0, 1):
         gen.setpict(gen.rectify(frame, camera) if raw else frame, camera, index)
 gen.exec()
 gen.genPC(max(mode, 0)).write_ply(out)
-""" % (WIDTH, HEIGHT)
+""" % (TOOL_WIDTH, TOOL_HEIGHT)
 
 
 @pytest.mark.parametrize("mode", [-1, 2], ids=["rectified", "raw-mode2"])
 def test_scan_equals_the_tools_ply(tmp_path, mode):
     caps = tmp_path / "caps"
-    synth = ["synth", "--out", caps, "--width", WIDTH, "--height", HEIGHT]
+    synth = ["synth", "--out", caps, "--width", TOOL_WIDTH, "--height", TOOL_HEIGHT]
     run_tool(*synth, *(["--rectified"] if mode == -1 else []))
     geometry = ["--q", caps / "q.yaml"] if mode == -1 else ["--calib", caps / "calib", "--mode", mode]
     run_tool("scan", "--method", "phaseshift", "--images", caps, *geometry,
@@ -53,7 +56,7 @@ def test_scan_equals_the_tools_ply(tmp_path, mode):
                    check=True)
     python, tool = (tmp_path / "python.ply").read_bytes(), (tmp_path / "tool.ply").read_bytes()
     assert python == tool
-    assert b"element vertex " in tool and len(tool) > 0.5 * WIDTH * HEIGHT * 15
+    assert len(tool) > 0.5 * TOOL_WIDTH * TOOL_HEIGHT * 15  # points for half the pixels
 
 
 def test_cloud_matches_the_true_depth(loaded, capture):

@@ -31,7 +31,7 @@ unexpected=$(cd "$prefix/include" && find . -type f ! -name '*.h' -o -path '*cli
 "$prefix/bin/sl3d" --version | grep -qx 'sl3d 0.2.0' || fail "sl3d --version"
 
 caps=$work/caps
-"$prefix/bin/sl3d" synth --out "$caps" --rectified --width 320 --height 256 > /dev/null
+"$prefix/bin/sl3d" synth --out "$caps" --rectified --width 160 --height 128 > /dev/null
 "$prefix/bin/sl3d" scan --method phaseshift --images "$caps" --q "$caps/q.yaml" \
   -o "$work/tool.ply" > /dev/null
 
