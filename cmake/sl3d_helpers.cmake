@@ -5,6 +5,14 @@ function(sl3d_add_sources)
   endforeach()
 endfunction()
 
+# sl3d_add_public_headers(file...): headers a caller of the library needs,
+# installed as include/sl3d/<module folder>/<file>. Headers not listed (the
+# tool's, test helpers, internal ones) stay in the source tree.
+function(sl3d_add_public_headers)
+  file(RELATIVE_PATH module ${PROJECT_SOURCE_DIR}/src ${CMAKE_CURRENT_SOURCE_DIR})
+  install(FILES ${ARGN} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${module})
+endfunction()
+
 # sl3d_add_test(NAME file.cpp [extra sources...]): one GoogleTest program per
 # *_test.cpp file. Unit tests link the static twin of the library so they can
 # reach internal helpers that the shared library keeps hidden.

@@ -23,7 +23,7 @@
 // mean of the points (not the centre of the ellipse's image conic, so a
 // tilted circle carries the perspective offset of its contour), the axes
 // are the principal directions and the sizes the full spread along them.
-class SL3D_EXPORT RotatedEllipse {
+class RotatedEllipse {
  public:
   RotatedEllipse();
 
@@ -48,7 +48,9 @@ class SL3D_EXPORT RotatedEllipse {
   double angle = 0.0;   // direction of the first axis, degrees in -180..180
 };
 
-class SL3D_EXPORT CircleMarkerSearcher {
+// Internal to the library (not exported from libsl3d.so); the header is
+// installed because CalibBoardRecognizer derives from this class (through ConnectionFinder).
+class CircleMarkerSearcher {
  public:
   // Holds the CircleMarkerParams defaults and their length limits.
   CircleMarkerSearcher();

@@ -24,7 +24,7 @@
 
 // Disjoint sets over 0..n-1 with union by size. parent[i] < 0 marks a root
 // and holds minus the size of its set.
-class SL3D_EXPORT UnionFind {
+class UnionFind {
  public:
   explicit UnionFind(int n);
 
@@ -42,7 +42,9 @@ class SL3D_EXPORT UnionFind {
   std::vector<int> parent;
 };
 
-class SL3D_EXPORT ConnectionFinder : public CircleMarkerSearcher {
+// Internal to the library (not exported from libsl3d.so); the header is
+// installed because CalibBoardRecognizer derives from this class.
+class ConnectionFinder : public CircleMarkerSearcher {
  public:
   ConnectionFinder() = default;
   virtual ~ConnectionFinder();

@@ -17,7 +17,9 @@
 #include <sl3d/calibboard/calib_board_params.h>
 #include <sl3d/export.h>
 
-class SL3D_EXPORT PreProcessor {
+// Internal to the library (not exported from libsl3d.so); the header is
+// installed because CalibBoardRecognizer derives from this class.
+class PreProcessor {
  public:
   PreProcessor() = default;
   virtual ~PreProcessor();

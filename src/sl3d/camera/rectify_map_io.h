@@ -44,8 +44,8 @@ void load_element(std::istream& is, T& v) {
 
 // Pads with zero bytes (writer) or skips bytes (reader) up to the next
 // multiple of 8 of the absolute stream position; nothing when aligned.
-SL3D_EXPORT void alignment_padding_offset(std::ostream& os);
-SL3D_EXPORT void alignment_padding_offset(std::istream& is);
+void alignment_padding_offset(std::ostream& os);
+void alignment_padding_offset(std::istream& is);
 
 // One map record. False, nothing written, for a matrix without data or
 // elements. m must be continuous.
@@ -59,13 +59,13 @@ SL3D_EXPORT bool load_map(std::istream& is, cv::Mat& m);
 
 // One table record of m's elements as 4-byte floats (m should be 32-bit
 // float; row stride honoured).
-SL3D_EXPORT void _save_rtable(std::ostream& os, cv::Mat& m);
+void _save_rtable(std::ostream& os, cv::Mat& m);
 
 // Reads one table record into m, which must already be a 32-bit float
 // single-channel matrix of the expected shape. False when the stored count
 // differs from m.rows * m.cols, m has another type, the data runs past the
 // end of the stream, or the stream fails.
-SL3D_EXPORT bool _load_rtable(std::istream& is, cv::Mat& m);
+bool _load_rtable(std::istream& is, cv::Mat& m);
 
 // Writes the pair table of cams[0], cams[1] (an array of two cameras); maps
 // of another depth are converted to 32-bit float first.

@@ -10,6 +10,8 @@
 #include <opencv2/core.hpp>
 #include <opencv2/core/utils/logger.hpp>
 
+#include <sl3d/version.h>
+
 #include "args.h"
 #include "commands.h"
 #include "errors.h"
@@ -45,11 +47,25 @@ int run_help(const std::vector<std::string>& args) {
   return print_help(text);
 }
 
+// The tool's version, and the loaded library's when it is another one.
+int print_version() {
+  std::printf("sl3d %s", SL3D_VERSION_STRING);
+  if (std::string(sl3d::version()) != SL3D_VERSION_STRING) {
+    std::printf(" (libsl3d %s)", sl3d::version());
+  }
+  std::printf("\n");
+  return 0;
+}
+
 int dispatch(const std::vector<std::string>& args) {
   if (args.empty()) throw usage_error("", "missing command");
   const std::string& name = args[0];
   const std::vector<std::string> rest(args.begin() + 1, args.end());
   if (name == "--help" || name == "-h") return print_help(general_usage());
+  if (name == "--version") {
+    if (!rest.empty()) throw usage_error("", "--version takes no arguments");
+    return print_version();
+  }
   if (name == "help") return run_help(rest);
   const Command command = find_command(name);
   if (command == nullptr) throw usage_error("", "unknown command '" + name + "'");

@@ -23,6 +23,8 @@ const char kGeneral[] =
     "  calibrate   calibrate the camera pair from board images of both cameras\n"
     "  help        show this text; 'sl3d <command> --help' shows a command's\n"
     "\n"
+    "'sl3d --version' prints the version.\n"
+    "\n"
     "Exit status: 0 success, 1 runtime error (bad input, unwritable output),\n"
     "2 usage error, 3 (detect) a board was not recognized. Errors are\n"
     "reported as one line on stderr.\n"

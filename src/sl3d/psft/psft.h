@@ -86,7 +86,7 @@ enum PhaseShiftStatus : std::uint8_t {
 
 // Maps a reflected-binary Gray code to its binary value:
 // entry i = i ^ (i >> 1) ^ (i >> 2) ^ ... ^ (i >> 7).
-SL3D_EXPORT extern const std::uint8_t gray2binary[256];
+extern const std::uint8_t gray2binary[256];
 
 // Sub-pixel refinement of an integer match i in camera 1's row: fits a line
 // through the phases p[i-1..i+1] and returns, in `out`, x minus the column at
