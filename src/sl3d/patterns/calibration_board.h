@@ -23,10 +23,11 @@
 //           seen from the front x points right and y up.
 //   quill   one ring at (cols - 3, 1), the origin circle. The recognizer
 //           takes its axes from the ring's neighbours in the image: +y the
-//           neighbour farthest to the image's left, +x the farthest of the
-//           four. Held turned 30-40 degrees about its vertical axis, with
-//           its right edge farther away, the board's +x points up and +y
-//           left (as printed), which the key file assumes.
+//           neighbour farthest to the image's left, +x the one farthest
+//           from the ring. Held turned 30-40 degrees about its vertical
+//           axis, its top edge 10-15 degrees nearer the camera than its
+//           bottom edge, the board's +x points up and +y left (as
+//           printed), which the key file assumes.
 //
 // Sizes, in spacings: circles 0.8 across (centres 1.25 diameters apart,
 // within the recognizer's 1.3), ring holes 0.45 across, a bit over half the
