@@ -168,7 +168,8 @@ const char kDetectHead[] =
 
 const char kDetectTail[] =
     "  --result-dir DIR  for each recognized image write STEM_result.png (the\n"
-    "                  numbered circles drawn in colour) and STEM_points.csv\n"
+    "                  numbered circles drawn in colour with their indices, the\n"
+    "                  board's x axis red and y axis green) and STEM_points.csv\n"
     "                  (index,x,y,X,Y,Z of every numbered circle); DIR is\n"
     "                  created when missing. Result files of an image that is\n"
     "                  not recognized or not readable are removed.\n"
