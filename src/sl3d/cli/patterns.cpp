@@ -27,21 +27,26 @@ std::string pattern_name(int index) {
   return name;
 }
 
+// Each line of `text` as a YAML comment.
+void comment(cv::FileStorage& yaml, const std::vector<const char*>& lines) {
+  for (const char* line : lines) yaml.writeComment(line);
+}
+
 std::string layout_yaml(const PhaseShiftPatternLayout& layout) {
   cv::FileStorage yaml(".yaml", cv::FileStorage::WRITE | cv::FileStorage::MEMORY);
-  yaml.writeComment(" Phase-shift frames pattern_00.png .. pattern_12.png, written by 'sl3d "
-                    "patterns'. The number is the frame index: 00 black, 01 white, 02..08 Gray "
-                    "code (most significant bit first), 09..12 fringes shifted by a quarter "
-                    "period. Columns are projector pixels, counted from 0 at the left.");
+  comment(yaml, {"Phase-shift frames pattern_00.png .. pattern_12.png by 'sl3d patterns'.",
+                 "The number is the frame index: 00 black, 01 white, 02..08 Gray code",
+                 "(most significant bit first), 09..12 fringes a quarter period apart.",
+                 "Projector pixels; columns count from 0 at the left."});
   yaml << "width" << layout.width << "height" << layout.height;
-  yaml.writeComment(" Projector columns per stripe period, and the periods side by side from "
-                    "first_column on; the phase rises with the column and wraps where the "
-                    "period index rises.");
+  comment(yaml, {"Columns per stripe period; the 128 periods lie side by side from",
+                 "first_column to last_column. The phase rises with the column and",
+                 "wraps where the period number rises."});
   yaml << "period" << layout.period << "periods" << kPhaseShiftPeriods;
   yaml << "first_column" << layout.first_column;
   yaml << "last_column" << layout.period_begin(kPhaseShiftPeriods) - 1;
-  yaml.writeComment(" Only these periods are measured: aim the projector so that their columns "
-                    "cover what both cameras see.");
+  comment(yaml, {"Only these periods are measured: aim the projector so that their",
+                 "columns cover what both cameras see."});
   yaml << "usable_first_period" << kFirstUsablePeriod << "usable_last_period"
        << kLastUsablePeriod;
   yaml << "usable_first_column" << layout.usable_begin() << "usable_last_column"
