@@ -84,7 +84,7 @@ class BoardCommand : public ::testing::Test {
     BoardImaging imaging;
     imaging.noise_sigma = 1.0;
     imaging.blur_sigma_px = 0.5;
-    imaging.supersampling = 2;
+    imaging.supersampling = 1;  // the bitmap is filtered to the pixel
     const fs::path views_dir = *dir_ / name, results = *dir_ / (name + "_results");
     fs::create_directories(views_dir);
     std::vector<std::string> args = {"detect", "--board", family_name(family), "--params",
