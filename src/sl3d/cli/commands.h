@@ -15,6 +15,8 @@ int run_demo(const std::vector<std::string>& args);
 int run_calib_info(const std::vector<std::string>& args);
 int run_detect(const std::vector<std::string>& args);
 int run_calibrate(const std::vector<std::string>& args);
+int run_patterns(const std::vector<std::string>& args);
+int run_board(const std::vector<std::string>& args);
 
 // Help texts: the general one, or that of a command ("" when unknown).
 std::string general_usage();

@@ -15,6 +15,7 @@
 #include "commands.h"
 #include "errors.h"
 #include "io.h"
+#include "result_drawing.h"
 
 namespace fs = std::filesystem;
 
@@ -116,6 +117,7 @@ void write_results(iCalibBoardRecognizer& recognizer, const Outcome& outcome,
                    const std::string& dir, const std::string& image) {
   cv::Mat picture;
   recognizer.copy_result_image(picture);
+  annotate_result(picture, recognizer, outcome.points);
   PendingFile png(result_path(dir, image, "_result.png"));
   png.write(encode_png(picture, png.final_path()));
   PendingFile csv(result_path(dir, image, "_points.csv"));

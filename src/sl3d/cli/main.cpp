@@ -29,6 +29,8 @@ Command find_command(const std::string& name) {
   if (name == "calib-info") return run_calib_info;
   if (name == "detect") return run_detect;
   if (name == "calibrate") return run_calibrate;
+  if (name == "patterns") return run_patterns;
+  if (name == "board") return run_board;
   return nullptr;
 }
 

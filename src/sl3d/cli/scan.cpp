@@ -12,6 +12,7 @@
 #include "io.h"
 #include "measure.h"
 #include "params.h"
+#include "scan_exports.h"
 
 namespace fs = std::filesystem;
 
@@ -28,20 +29,20 @@ struct ScanRequest {
   std::string calib_dir;   // raw captures and their calibration
   int mode = 0;            // genPC mode, with calib_dir only
   std::string ply_file;
-  std::string depth_png;  // empty: no preview
+  ScanExports exports;      // preview and float images, when asked for
   std::string params_file;  // empty: defaults
 };
 
 ScanRequest parse_scan_args(const std::vector<std::string>& args) {
-  const ParsedArgs parsed = parse_options(kCommand, args,
-                                          {{"--method", true},
-                                           {"--images", true},
-                                           {"--q", true},
-                                           {"--calib", true},
-                                           {"--mode", true},
-                                           {"--output", true, "-o"},
-                                           {"--depth-png", true},
-                                           {"--params", true}});
+  std::vector<OptionDef> options = {{"--method", true},
+                                    {"--images", true},
+                                    {"--q", true},
+                                    {"--calib", true},
+                                    {"--mode", true},
+                                    {"--output", true, "-o"},
+                                    {"--params", true}};
+  for (const OptionDef& option : scan_export_options()) options.push_back(option);
+  const ParsedArgs parsed = parse_options(kCommand, args, options);
   ScanRequest request;
   request.method = parse_method(kCommand, parsed.require("--method"));
   request.images_dir = parsed.require("--images");
@@ -59,17 +60,10 @@ ScanRequest parse_scan_args(const std::vector<std::string>& args) {
     request.mode = parsed.get_int("--mode", 0, 0, 2);
   }
   request.ply_file = parsed.require("--output");
-  request.depth_png = parsed.get("--depth-png", "");
+  request.exports = parse_scan_exports(kCommand, parsed, request.ply_file);
   request.params_file = parsed.get("--params", "");
-  if (parsed.has("--depth-png") && request.depth_png.empty()) {
-    throw usage_error(kCommand, "--depth-png needs a non-empty value");
-  }
   if (parsed.has("--params") && request.params_file.empty()) {
     throw usage_error(kCommand, "--params needs a non-empty value");
-  }
-  if (fs::path(request.depth_png).lexically_normal() ==
-      fs::path(request.ply_file).lexically_normal()) {
-    throw usage_error(kCommand, "--depth-png and --output name the same file");
   }
   return request;
 }
@@ -168,8 +162,9 @@ void print_summary(const ScanRequest& request, const Measurement& m, double read
   }
   std::printf("intake %.1f ms, exec %.1f ms, genPC %.1f ms, write %.1f ms\n",
               read_ms + m.intake_ms, m.exec_ms, m.genpc_ms, write_ms);
-  std::printf("wrote %s%s%s\n", request.ply_file.c_str(), request.depth_png.empty() ? "" : ", ",
-              request.depth_png.c_str());
+  std::printf("wrote %s", request.ply_file.c_str());
+  for (const std::string& path : request.exports.paths()) std::printf(", %s", path.c_str());
+  std::printf("\n");
 }
 
 }  // namespace
@@ -177,7 +172,7 @@ void print_summary(const ScanRequest& request, const Measurement& m, double read
 int run_scan(const std::vector<std::string>& args) {
   const ScanRequest request = parse_scan_args(args);
   check_output_path(request.ply_file);
-  if (!request.depth_png.empty()) check_output_path(request.depth_png);
+  for (const std::string& path : request.exports.paths()) check_output_path(path);
 
   MethodParams params;
   if (!request.params_file.empty()) load_params_file(request.params_file, request.method, params);
@@ -194,13 +189,10 @@ int run_scan(const std::vector<std::string>& args) {
 
   Stopwatch write;
   std::vector<PendingFile> outputs;
-  outputs.reserve(2);
+  outputs.reserve(4);
   outputs.emplace_back(request.ply_file);
   write_point_cloud(outputs.back(), m);
-  if (!request.depth_png.empty()) {
-    outputs.emplace_back(request.depth_png);
-    outputs.back().write(encode_png(depth_preview(depth_map(m)), request.depth_png));
-  }
+  add_scan_exports(request.exports, m, outputs);
   commit_all(outputs);
   print_summary(request, m, read_ms, write.elapsed_ms());
   return 0;

@@ -64,16 +64,23 @@ void add_truth_rows(std::ostringstream& csv, const std::string& image, const Syn
 
 StereoBoardSet render_stereo_boards(BoardFamily family, int width, int height,
                                     const BoardImaging& imaging) {
-  const SimRig rig = SimRig::scaled(width, height);
   const BoardGrid grid = BoardGrid::calibration();
+  const double focal_px = SimRig::scaled(width, height).focal_px;
+  return render_stereo_boards(
+      synth_board(family, min_radius_for(grid, focal_px, kCalibrationFarMm), grid), width, height,
+      imaging);
+}
+
+StereoBoardSet render_stereo_boards(const SynthBoard& board, int width, int height,
+                                    const BoardImaging& imaging, const BoardTexture* texture) {
   StereoBoardSet set;
-  set.cameras = default_raw_cameras(rig);
-  set.board = synth_board(family, min_radius_for(grid, rig.focal_px, kCalibrationFarMm), grid);
+  set.cameras = default_raw_cameras(SimRig::scaled(width, height));
+  set.board = board;
   const std::vector<BoardPose> poses =
-      calibration_poses(set.cameras, set.board.layout, calibration_views(family),
+      calibration_poses(set.cameras, set.board.layout, calibration_views(board.family),
                         kCalibrationNearMm, kCalibrationFarMm);
   progress("rendering " + std::to_string(poses.size()) + " stereo board views");
-  set.views = render_calibration_set(set.cameras, set.board.layout, poses, imaging);
+  set.views = render_calibration_set(set.cameras, set.board.layout, poses, imaging, texture);
   return set;
 }
 

@@ -37,6 +37,11 @@ struct StereoBoardSet {
 };
 StereoBoardSet render_stereo_boards(BoardFamily family, int width, int height,
                                     const BoardImaging& imaging);
+// The same for `board` at the same poses, drawn from `texture` when given
+// (the bitmap of the board's design).
+StereoBoardSet render_stereo_boards(const SynthBoard& board, int width, int height,
+                                    const BoardImaging& imaging,
+                                    const BoardTexture* texture = nullptr);
 
 // Writes DIR/left_NN.png, DIR/right_NN.png, DIR/board_params.yaml,
 // DIR/truth.csv and the cameras' true calibration directory DIR/true_calib.

@@ -21,6 +21,9 @@ const char kGeneral[] =
     "  calib-info  show what a calibration directory holds and whether it loads\n"
     "  detect      recognize circle-marker calibration boards in images\n"
     "  calibrate   calibrate the camera pair from board images of both cameras\n"
+    "  patterns    write the 13 projector frames of a phase-shift capture, or\n"
+    "              check how captured frames are exposed\n"
+    "  board       write a calibration board to print (SVG, PNG) and its key file\n"
     "  help        show this text; 'sl3d <command> --help' shows a command's\n"
     "\n"
     "'sl3d --version' prints the version.\n"
@@ -32,9 +35,11 @@ const char kGeneral[] =
 
 const char kScanHead[] =
     "usage: sl3d scan --method phaseshift|sgbm --images DIR --q FILE -o OUT.ply\n"
-    "                 [--depth-png FILE] [--params FILE]\n"
+    "                 [EXPORTS] [--params FILE]\n"
     "       sl3d scan --method phaseshift|sgbm --images DIR --calib DIR\n"
-    "                 [--mode 0|1|2] -o OUT.ply [--depth-png FILE] [--params FILE]\n"
+    "                 [--mode 0|1|2] -o OUT.ply [EXPORTS] [--params FILE]\n"
+    "EXPORTS: [--depth-png FILE [--depth-range MIN:MAX]] [--depth-tiff FILE]\n"
+    "         [--xyz-tiff FILE]\n"
     "\n"
     "Measures one capture and writes its points, with the range grid (camera 0's\n"
     "pixel -> point), as a binary little-endian PLY file. With --q the captures\n"
@@ -58,7 +63,16 @@ const char kScanHead[] =
     "  -o, --output FILE  the PLY file to write\n"
     "  --depth-png FILE   also write a colour-coded depth preview on camera 0's\n"
     "                     pixel grid: near blue, far red (2nd..98th percentile\n"
-    "                     of depth), black where there is no point\n"
+    "                     of depth), black where there is no point, with a\n"
+    "                     colour bar labelled in mm on the right\n"
+    "  --depth-range MIN:MAX  the preview's colours span MIN..MAX mm instead,\n"
+    "                     so that previews of several scans compare\n"
+    "  --depth-tiff FILE  depth (z, mm) as a 32-bit float TIFF on camera 0's\n"
+    "                     pixel grid (the range grid's), NaN where no point\n"
+    "  --xyz-tiff FILE    the points as a 3-channel 32-bit float TIFF, x y z per\n"
+    "                     pixel (cv::imread/cv2.imread with IMREAD_UNCHANGED give\n"
+    "                     channels x, y, z; OpenCV stores them in RGB order, so\n"
+    "                     other TIFF readers see z, y, x), NaN where no point\n"
     "  --params FILE      YAML file overriding method parameters by field name;\n"
     "                     keys left out keep their defaults. Keys:\n";
 
@@ -156,7 +170,8 @@ const char kDetectHead[] =
 
 const char kDetectTail[] =
     "  --result-dir DIR  for each recognized image write STEM_result.png (the\n"
-    "                  numbered circles drawn in colour) and STEM_points.csv\n"
+    "                  numbered circles drawn in colour with their indices, the\n"
+    "                  board's x axis red and y axis green) and STEM_points.csv\n"
     "                  (index,x,y,X,Y,Z of every numbered circle); DIR is\n"
     "                  created when missing. Result files of an image that is\n"
     "                  not recognized or not readable are removed.\n"
@@ -232,7 +247,13 @@ const char kDemo[] =
     "Prints per method and mode the points, coverage, the distance of the points\n"
     "to the true surface (RMS, 95th percentile in mm, and the count above 10 mm)\n"
     "and the time per stage. Writes phaseshift.ply, sgbm.ply (mode 0, with range\n"
-    "grids), phaseshift_depth.png and sgbm_depth.png.\n";
+    "grids), their depth as float TIFF (phaseshift_depth.tiff, sgbm_depth.tiff)\n"
+    "and previews with a colour bar on one scale (phaseshift_depth.png,\n"
+    "sgbm_depth.png). What a real sensor's user makes is made the same way: the\n"
+    "board the cameras see is DIR/board/board.png as 'sl3d board' writes it\n"
+    "(11 x 8 circles, 30 mm), calibrated with its key file, and the projector\n"
+    "throws DIR/patterns/pattern_NN.png as 'sl3d patterns' writes them for a\n"
+    "1920x1080 projector.\n";
 
 const char kCalibInfo[] =
     "usage: sl3d calib-info DIR [--size WxH]\n"
@@ -256,6 +277,81 @@ const char kCalibInfo[] =
     "               not state it)\n"
     "\n"
     "Exit status 0 when the binary form or the camera files load, else 1.\n";
+
+const char kPatterns[] =
+    "usage: sl3d patterns --width W --height H --out DIR [--period P]\n"
+    "       sl3d patterns --check DIR [--params FILE]\n"
+    "\n"
+    "Writes the 13 frames a projector of W x H pixels throws for one phase-shift\n"
+    "capture, 8-bit grey PNGs DIR/pattern_00.png .. pattern_12.png (DIR is\n"
+    "created when missing). The number is the frame index of 'sl3d scan': 00\n"
+    "black, 01 white, 02..08 Gray code of the stripe period (most significant\n"
+    "bit first), 09..12 sinusoidal fringes, each shifted a quarter period\n"
+    "further. 128 periods of P columns lie side by side, centred on the\n"
+    "projector (columns left over stay black); the phase rises with the column\n"
+    "and wraps where the period number rises. Stripes are vertical: the two\n"
+    "cameras must sit side by side. Only periods 25..96 are measured;\n"
+    "DIR/patterns.yaml states the period, the columns of the 128 periods and\n"
+    "those of the usable ones (usable_first_column, usable_last_column): aim the\n"
+    "projector so that they cover what both cameras see.\n"
+    "\n"
+    "Capture: for each frame index NN, project pattern_NN.png full screen\n"
+    "(no scaling) and save both cameras' images as cam0_NN.png (left) and\n"
+    "cam1_NN.png (right), 8-bit grey, with fixed exposure, gain and focus.\n"
+    "\n"
+    "Options:\n"
+    "  --width W, --height H  the projector's resolution in pixels; W at least\n"
+    "                 256 (128 periods of 2 columns)\n"
+    "  --out DIR      where to write the frames\n"
+    "  --period P     columns per period, 2 .. W/128 (default W/128, rounded\n"
+    "                 down: the largest that fits). Finer fringes measure finer\n"
+    "                 but need sharp focus of projector and cameras.\n"
+    "\n"
+    "With --check DIR it reads captures named as above (cam0_*, cam1_* or both)\n"
+    "and prints, per camera and frame, the mean grey level and the share of\n"
+    "saturated (255) and of dark pixels (below the minimum white level), the\n"
+    "share of pixels the generator rejects for low contrast or white level, and\n"
+    "the fringes' modulation, with advice when the white frame saturates, most\n"
+    "pixels are rejected or the fringes are weak. --params FILE takes the\n"
+    "generator's thresholds from the parameter file 'sl3d scan' would read.\n";
+
+const char kBoard[] =
+    "usage: sl3d board --board pellux|quill --out DIR [--nx N] [--ny N]\n"
+    "                  [--spacing MM] [--dpi D] [--page a4|a3|letter|WxH]\n"
+    "\n"
+    "Writes a circle-marker calibration board to print into DIR (created when\n"
+    "missing):\n"
+    "  board.svg           true scale, millimetres: print at 100 % (no fitting to\n"
+    "                      the page)\n"
+    "  board.png           the same at D dots per inch, which it states\n"
+    "  board_params.yaml   the key file 'sl3d detect' and 'sl3d calibrate' read\n"
+    "                      for this board: its grid, origin, unit_length (the\n"
+    "                      spacing in mm) and recognizer settings that work on it\n"
+    "Dark circles on white, 0.8 spacings across; the base markers are rings\n"
+    "with a hole of 0.45 spacings. pellux: three rings, the origin O, X two\n"
+    "circles to its right and Y above it; x runs from O to X, y from O to Y.\n"
+    "quill: one ring, the origin, the third circle from the right in the\n"
+    "second row; hold this board turned 30-40 degrees about its vertical axis\n"
+    "and its top edge 10-15 degrees nearer the camera than its bottom edge: the\n"
+    "recognizer takes the board's x axis from the ring's neighbour farthest\n"
+    "from it in the image, which is then the one above it (y runs left).\n"
+    "Hold either board 20 to 45 degrees from facing the camera: facing it\n"
+    "squarely, every circle is equally round and the recognizer's roundness\n"
+    "filter may drop a circle or a ring's hole.\n"
+    "Prints the board's size. Measure the printed spacing (the centre distance\n"
+    "of the first and last circle of a row, divided by N-1) and write it as\n"
+    "unit_length into board_params.yaml: calibrated lengths take its scale.\n"
+    "\n"
+    "Options:\n"
+    "  --board F     the family\n"
+    "  --out DIR     where to write\n"
+    "  --nx N        circles across, 4..100 (default 9)\n"
+    "  --ny N        circles down, 3..100 (default 6)\n"
+    "  --spacing MM  centre distance in mm (default 30: 285 x 195 mm, A4)\n"
+    "  --dpi D       resolution of board.png, 50..1200 (default 300)\n"
+    "  --page P      the paper: a4, a3, letter or WxH in mm. The board must\n"
+    "                fit it (either way round); both drawings are then the\n"
+    "                page's size with the board in its middle.\n";
 
 // Fills lines up to 79 columns with the words of `text`, each line indented.
 std::string wrapped(const std::string& text, const std::string& indent) {
@@ -300,6 +396,8 @@ std::string command_usage(const std::string& command) {
   if (command == "calib-info") return kCalibInfo;
   if (command == "detect") return detect_usage();
   if (command == "calibrate") return kCalibrate;
+  if (command == "patterns") return kPatterns;
+  if (command == "board") return kBoard;
   if (command == "help") return kGeneral;
   return "";
 }

@@ -9,102 +9,59 @@ namespace sl3d {
 
 namespace {
 
-// Where the base markers sit: the three-ring family's origin ring O at
-// (1, rows - 2), X at (3, rows - 2) and Y at (1, rows - 3); the one-ring
-// family's ring at (cols - 3, 1).
-cv::Point pellux_origin(const BoardGrid& g) { return {1, g.rows - 2}; }
-cv::Point quill_ring(const BoardGrid& g) { return {g.cols - 3, 1}; }
-
-BoardLayout layout_of(BoardFamily family, const BoardGrid& grid) {
-  BoardLayout layout;
-  layout.circles_x = grid.cols;
-  layout.circles_y = grid.rows;
-  layout.spacing = grid.spacing;
-  layout.radius = grid.radius();
-  layout.margin = 0.75 * grid.spacing;
-  layout.dark_circles = true;
-  if (family == BoardFamily::kPellux) {
-    const cv::Point o = pellux_origin(grid);
-    layout.rings = three_ring_base_markers(o.x, o.y, grid.hole_radius());
-  } else {
-    const cv::Point r = quill_ring(grid);
-    layout.rings = one_ring_base_marker(r.x, r.y, grid.hole_radius());
-  }
-  return layout;
+BoardDesign design_of(BoardFamily family, const BoardGrid& grid) {
+  BoardDesign design;
+  make_board_design(family, grid.cols, grid.rows, grid.spacing, design);
+  return design;
 }
 
-struct GridRecord {
-  int n_x, n_y, origin_x, origin_y;
-};
-
-// Three rings: the renderer's +i is the board's +x and its +j the board's
-// -y, so the recognizer's grid runs from the far column. One ring: facing
-// the camera the ring's left neighbour is the board's +y and its upper one
-// +x, so the recognizer's columns are the rendered rows.
-GridRecord grid_record(BoardFamily family, const BoardGrid& g) {
-  if (family == BoardFamily::kPellux) {
-    const cv::Point o = pellux_origin(g);
-    return {g.cols, g.rows, g.cols - 1 - o.x, o.y};
-  }
-  const cv::Point r = quill_ring(g);
-  return {g.rows, g.cols, r.y, r.x};
-}
-
-// Grid column and row in the recognizer's numbering of rendered circle (i, j).
-cv::Point recognizer_cell(BoardFamily family, const BoardGrid& g, int i, int j) {
-  return family == BoardFamily::kPellux ? cv::Point(g.cols - 1 - i, j) : cv::Point(j, i);
-}
-
-std::map<std::string, double> recognizer_keys(const GridRecord& grid, double spacing,
-                                              double min_radius) {
-  return {{"do_reverse_bw", 1},          {"bin_type", 1},
-          {"min_radius", min_radius},    {"unit_length", spacing},
-          {"n_circles_x", grid.n_x},     {"n_circles_y", grid.n_y},
-          {"origin_x", grid.origin_x},   {"origin_y", grid.origin_y}};
-}
-
-std::string params_text(BoardFamily family, const std::map<std::string, double>& keys) {
-  std::ostringstream out;
-  out << "%YAML:1.0\n---\n"
-      << "# " << family_name(family) << " board rendered by the sl3d virtual sensor\n"
-      << "# pre-processing: the circles are dark on a light board\n"
-      << "do_reverse_bw: " << keys.at("do_reverse_bw") << "\n"
-      << "bin_type: " << keys.at("bin_type") << "\n"
-      << "# circle-marker search\n"
-      << "min_radius: " << keys.at("min_radius") << "\n"
-      << "# board\n";
-  for (const char* key : {"unit_length", "n_circles_x", "n_circles_y", "origin_x", "origin_y"})
-    out << key << ": " << keys.at(key) << "\n";
-  return out.str();
+// The recognizer's 3-D position of marker `index`: the grid coordinate
+// relative to the origin circle, times the spacing.
+cv::Point3d marker_position(const BoardDesign& d, int index) {
+  const int i = index / d.n_circles_y, j = index % d.n_circles_y;
+  return {d.spacing * (d.origin_x - i), d.spacing * (d.origin_y - j), 0.0};
 }
 
 }  // namespace
 
-const char* family_name(BoardFamily family) {
-  return family == BoardFamily::kPellux ? "pellux" : "quill";
+BoardLayout board_layout(const BoardDesign& design) {
+  BoardLayout layout;
+  layout.circles_x = design.cols;
+  layout.circles_y = design.rows;
+  layout.spacing = design.spacing;
+  layout.radius = design.radius;
+  layout.margin = design.margin;
+  layout.dark_circles = true;
+  for (const cv::Point& ring : design.rings) {
+    layout.rings.push_back({ring.x, ring.y, design.hole_radius});
+  }
+  return layout;
 }
 
-int board_type(BoardFamily family) { return family == BoardFamily::kPellux ? 0 : 1; }
-
 SynthBoard synth_board(BoardFamily family, double min_radius, const BoardGrid& grid) {
+  return synth_board(design_of(family, grid), min_radius);
+}
+
+SynthBoard synth_board(const BoardDesign& design, double min_radius) {
   SynthBoard board;
-  board.family = family;
-  board.layout = layout_of(family, grid);
-  const GridRecord record = grid_record(family, grid);
-  for (int j = 0; j < grid.rows; ++j) {
-    for (int i = 0; i < grid.cols; ++i) {
-      const cv::Point cell = recognizer_cell(family, grid, i, j);
-      board.truth_index.push_back(cell.x * record.n_y + cell.y);
-      board.truth_position.emplace_back(grid.spacing * (record.origin_x - cell.x),
-                                        grid.spacing * (record.origin_y - cell.y), 0.0);
+  board.family = design.family;
+  board.design = design;
+  board.layout = board_layout(design);
+  for (int j = 0; j < design.rows; ++j) {
+    for (int i = 0; i < design.cols; ++i) {
+      const int index = design.marker_index(i, j);
+      board.truth_index.push_back(index);
+      board.truth_position.push_back(marker_position(design, index));
     }
   }
-  board.keys = recognizer_keys(record, grid.spacing, min_radius);
+  board.keys = board_keys(design, min_radius);
   std::map<std::string, double> keys = board.keys;
   board.pre.set(keys);
   board.marker.set(keys);
   board.board.set(keys);
-  board.params_text = params_text(family, board.keys);
+  board.params_text = board_key_text(
+      board.keys, {std::string(family_name(design.family)) +
+                   " board rendered by the sl3d virtual sensor"});
   return board;
 }
 

@@ -17,26 +17,20 @@
 
 #include <sl3d/calibboard/calib_board_params.h>
 #include <sl3d/export.h>
+#include <sl3d/patterns/calibration_board.h>
 #include <sl3d/sim/board_renderer.h>
 
 namespace sl3d {
 
-// kPellux: three ring base markers (PelluxCalibBoardRecognizer, board type
-// 0). kQuill: one ring (QuillCalibBoardRecognizer, any other board type).
-enum class BoardFamily { kPellux, kQuill };
-
-SL3D_EXPORT const char* family_name(BoardFamily family);
-// The board_type of the calibration drivers for the family.
-SL3D_EXPORT int board_type(BoardFamily family);
-
-// A grid of dark circles on a light board, millimetres. The rings' holes
-// and the circles scale with the spacing.
+// A grid of dark circles on a light board, millimetres, laid out as the
+// printable boards of make_board_design are: the rings' holes and the
+// circles scale with the spacing.
 struct SL3D_EXPORT BoardGrid {
   int cols = 7;
   int rows = 5;
   double spacing = 20.0;
-  double radius() const { return 0.4 * spacing; }
-  double hole_radius() const { return 0.225 * spacing; }
+  double radius() const { return kBoardCircleRadius * spacing; }
+  double hole_radius() const { return kBoardHoleRadius * spacing; }
 
   // The small board of detection tests: 7 x 5, 20 mm apart.
   static BoardGrid detection() { return BoardGrid(); }
@@ -47,6 +41,7 @@ struct SL3D_EXPORT BoardGrid {
 
 struct SL3D_EXPORT SynthBoard {
   BoardFamily family = BoardFamily::kPellux;
+  BoardDesign design;
   BoardLayout layout;
   // The recognizer's marker index of rendered circle (i, j) and its board
   // position, worked out from the ring placement; by j * cols + i.
@@ -65,6 +60,12 @@ struct SL3D_EXPORT SynthBoard {
 // (the rings' holes must pass it).
 SL3D_EXPORT SynthBoard synth_board(BoardFamily family, double min_radius,
                                    const BoardGrid& grid = BoardGrid::detection());
+// The same for a board laid out by make_board_design.
+SL3D_EXPORT SynthBoard synth_board(const BoardDesign& design, double min_radius);
+
+// The renderer's layout of a designed board: circle (i, j) of the design is
+// circle (i, j) of the layout, centred at (i * spacing, j * spacing).
+SL3D_EXPORT BoardLayout board_layout(const BoardDesign& design);
 
 // Half the radius in pixels of a ring's hole seen frontally at
 // `distance_mm` by a camera of `focal_px`, capped at 5 px: room for the

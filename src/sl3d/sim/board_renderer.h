@@ -93,6 +93,42 @@ SL3D_EXPORT BoardRendering render_board(const BoardLayout& layout, const BoardPo
                                         const BoardCamera& camera = BoardCamera(),
                                         const BoardImaging& imaging = BoardImaging());
 
+// A board as a bitmap, such as the PNG `sl3d board` writes for printing:
+// grey 0 where the board is dark, 255 where it is light.
+//
+// Use it to render views of the very image a user prints instead of the
+// analytic drawing of a layout. A sample of the board is filtered from a
+// pyramid of the bitmap at the level whose pixels match the sample's
+// footprint on the board (trilinear), so a bitmap much finer than the
+// camera's pixels neither aliases nor shifts the circles' edges.
+class SL3D_EXPORT BoardTexture {
+ public:
+  // `image` CV_8UC1 (copied); `pixels_per_unit` bitmap pixels per board
+  // unit; `origin_px` the bitmap position (pixel centres at integer
+  // coordinates) of the layout's point (0, 0), the centre of circle (0, 0).
+  BoardTexture(const cv::Mat& image, double pixels_per_unit, cv::Point2d origin_px);
+
+  // Light share 0..1 at board point (x, y), averaged over about `footprint`
+  // board units; -1 off the bitmap.
+  double sample(double x, double y, double footprint) const;
+
+ private:
+  double bilinear(int level, double x, double y) const;
+
+  std::vector<cv::Mat> levels_;  // CV_32F, level k halves level k - 1
+  cv::Size size_;                // of the bitmap as given
+  double pixels_per_unit_;
+  cv::Point2d origin_px_;
+};
+
+// Renders the bitmap board `texture` seen from `pose`; `layout` must be the
+// drawing's layout (it gives the circles' true centres). Dark and light
+// bitmap levels become BoardImaging's dark and light shades.
+SL3D_EXPORT BoardRendering render_board(const BoardTexture& texture, const BoardLayout& layout,
+                                        const BoardPose& pose,
+                                        const BoardCamera& camera = BoardCamera(),
+                                        const BoardImaging& imaging = BoardImaging());
+
 // A real camera of the virtual sensor (lens distortion, pose in the world)
 // looking at boards placed in the world.
 //
@@ -111,6 +147,10 @@ class SL3D_EXPORT DistortedBoardCamera {
   // lens bends the ellipse slightly, far below a pixel at usual sizes).
   BoardRendering render(const BoardLayout& layout, const BoardPose& world_from_board,
                         const BoardImaging& imaging = BoardImaging()) const;
+  // The same for a bitmap board whose drawing is `layout`.
+  BoardRendering render(const BoardTexture& texture, const BoardLayout& layout,
+                        const BoardPose& world_from_board,
+                        const BoardImaging& imaging = BoardImaging()) const;
 
   // The pose of a board at world_from_board relative to this camera.
   BoardPose cam_from_board(const BoardPose& world_from_board) const;
@@ -119,6 +159,9 @@ class SL3D_EXPORT DistortedBoardCamera {
 
  private:
   std::vector<cv::Point2d> distort(const std::vector<cv::Point3d>& normalized) const;
+  template <typename Shader>
+  BoardRendering render_with(const Shader& shader, const BoardLayout& layout,
+                             const BoardPose& world_from_board, const BoardImaging& imaging) const;
 
   SimCamera camera_;
   int supersampling_;

@@ -9,6 +9,8 @@
 
 #include <opencv2/calib3d.hpp>
 
+#include <sl3d/patterns/calibration_board.h>
+#include <sl3d/sim/board_families.h>
 #include <sl3d/sim/board_renderer.h>
 
 namespace {
@@ -104,6 +106,47 @@ TEST(BoardRenderer, RealCameraMatchesThePinholeAndProjectsThroughItsLens) {
     }
   }
   EXPECT_GT(largest_bend, 3.0);  // the lens and the pose do move the circles
+}
+
+// Darkness-weighted centroid of the pixels within `radius` of `near`.
+cv::Point2d dark_centroid(const cv::Mat& image, cv::Point2d near, double radius) {
+  cv::Point2d sum(0, 0);
+  double weight = 0.0;
+  for (int y = int(near.y - radius); y <= int(near.y + radius); ++y) {
+    for (int x = int(near.x - radius); x <= int(near.x + radius); ++x) {
+      if (std::hypot(x - near.x, y - near.y) > radius) continue;
+      const double w = 255.0 - image.at<unsigned char>(y, x);
+      sum += w * cv::Point2d(x, y);
+      weight += w;
+    }
+  }
+  return sum / weight;
+}
+
+// A board drawn from its 300 dpi bitmap lands where the analytic drawing of
+// the same layout does, to a small fraction of a pixel, near and far (the
+// bitmap's pyramid levels must line up with its full resolution).
+TEST(BoardRenderer, BitmapBoardLandsWhereTheDrawingDoes) {
+  sl3d::BoardDesign design;
+  ASSERT_TRUE(sl3d::make_board_design(sl3d::BoardFamily::kPellux, 7, 5, 20.0, design));
+  const double ppmm = 300.0 / 25.4;
+  const sl3d::BoardTexture texture(
+      sl3d::board_raster(design, ppmm), ppmm,
+      sl3d::board_raster_offset(design, ppmm) + cv::Point2d(design.margin, design.margin) * ppmm);
+  const BoardLayout layout = sl3d::board_layout(design);
+  sl3d::BoardImaging imaging;
+  imaging.supersampling = 4;
+  for (double distance : {300.0, 900.0}) {
+    const sl3d::BoardPose pose = sl3d::board_pose_facing(layout, distance, 25.0, -20.0, 10.0);
+    const sl3d::BoardRendering drawn = sl3d::render_board(layout, pose, {}, imaging);
+    const sl3d::BoardRendering bitmap = sl3d::render_board(texture, layout, pose, {}, imaging);
+    const double radius = 1.2 * design.radius * 800.0 / distance;
+    for (size_t k = 0; k < drawn.centres.size(); ++k) {
+      const cv::Point2d a = dark_centroid(drawn.image, drawn.centres[k], radius);
+      const cv::Point2d b = dark_centroid(bitmap.image, drawn.centres[k], radius);
+      EXPECT_LT(cv::norm(a - b), 0.03) << "distance " << distance << " circle " << k;
+    }
+  }
 }
 
 }  // namespace

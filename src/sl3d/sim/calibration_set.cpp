@@ -92,7 +92,8 @@ std::vector<BoardPose> calibration_poses(const std::array<SimCamera, 2>& cameras
 std::vector<StereoBoardView> render_calibration_set(const std::array<SimCamera, 2>& cameras,
                                                     const BoardLayout& layout,
                                                     const std::vector<BoardPose>& poses,
-                                                    const BoardImaging& imaging) {
+                                                    const BoardImaging& imaging,
+                                                    const BoardTexture* texture) {
   const DistortedBoardCamera viewers[2] = {DistortedBoardCamera(cameras[0]),
                                            DistortedBoardCamera(cameras[1])};
   std::vector<StereoBoardView> views;
@@ -102,7 +103,8 @@ std::vector<StereoBoardView> render_calibration_set(const std::array<SimCamera, 
     for (int c = 0; c < 2; ++c) {
       BoardImaging shot = imaging;
       shot.seed = imaging.seed + std::uint32_t(2 * k + c);
-      view.images[c] = viewers[c].render(layout, poses[k], shot);
+      view.images[c] = texture ? viewers[c].render(*texture, layout, poses[k], shot)
+                               : viewers[c].render(layout, poses[k], shot);
     }
     views.push_back(std::move(view));
   }

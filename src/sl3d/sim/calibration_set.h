@@ -36,10 +36,13 @@ SL3D_EXPORT std::vector<BoardPose> calibration_poses(const std::array<SimCamera,
                                                      double near_mm, double far_mm);
 
 // Renders every pose with both cameras (supersampling 2); the noise seed
-// differs per view and camera.
+// differs per view and camera. With a `texture` (a bitmap of the board
+// whose drawing is `layout`, such as the PNG a user prints) the views show
+// that bitmap instead of the analytic drawing.
 SL3D_EXPORT std::vector<StereoBoardView> render_calibration_set(
     const std::array<SimCamera, 2>& cameras, const BoardLayout& layout,
-    const std::vector<BoardPose>& poses, const BoardImaging& imaging = BoardImaging());
+    const std::vector<BoardPose>& poses, const BoardImaging& imaging = BoardImaging(),
+    const BoardTexture* texture = nullptr);
 
 }  // namespace sl3d
 

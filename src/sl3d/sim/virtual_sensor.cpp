@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
-#include <limits>
-
 #include <functional>
+#include <limits>
+#include <stdexcept>
 
 #include <opencv2/calib3d.hpp>
 #include <opencv2/imgproc.hpp>
@@ -15,11 +15,9 @@ namespace sl3d {
 
 namespace {
 
-constexpr int kPeriods = 128;
 constexpr int kUsableCentrePeriod = 61;  // middle of the usable periods 25..96
 constexpr double kReferenceDepthMm = 1100.0;
 constexpr int kFrames = 13;
-constexpr double kPi = 3.14159265358979323846;
 
 double hash_to_unit(int x, int y, int z) {
   std::uint32_t h = static_cast<std::uint32_t>(x) * 73856093u ^
@@ -48,28 +46,13 @@ double value_noise(const cv::Vec3d& p) {
   return acc;
 }
 
-int gray_code(int n) { return n ^ (n >> 1); }
+constexpr int kFirstFringeFrame = 9;
 
-// Pattern value in [0, 1] of setpict frame `frame` at projector column u.
-double pattern(int frame, double u, int period_px, double fringe_contrast) {
-  if (frame == 0) return 0.0;
-  if (frame == 1) return 1.0;
-  const double periods = u / period_px;
-  const int period = int(std::floor(periods));
-  if (frame <= 8) {
-    const int bit = 6 - (frame - 2);
-    return (gray_code(period) >> bit) & 1 ? 1.0 : 0.0;
-  }
-  // Wrapped phase psi rises from -pi to pi across a period, so that
-  // atan2(I3 - I1, I2 - I0) = psi.
-  const double psi = 2.0 * kPi * (periods - period) - kPi;
-  const double m = 0.5 * fringe_contrast;
-  switch (frame) {
-    case 9: return 0.5 - m * std::cos(psi);
-    case 10: return 0.5 - m * std::sin(psi);
-    case 11: return 0.5 + m * std::cos(psi);
-    default: return 0.5 + m * std::sin(psi);
-  }
+// Fringe contrast below 1 pulls the fringes towards mid-grey, as a projector
+// with a weak black level or a dim fringe throw would.
+double with_fringe_contrast(int frame, double pattern, double fringe_contrast) {
+  if (frame < kFirstFringeFrame) return pattern;
+  return 0.5 + fringe_contrast * (pattern - 0.5);
 }
 
 // Blur, sensor noise and quantisation of one rendered frame.
@@ -100,16 +83,53 @@ SimScene SimScene::default_scene() {
   return scene;
 }
 
+namespace {
+
+PhaseShiftPatternLayout projector_layout(const SimRig& rig) {
+  PhaseShiftPatternLayout layout;
+  if (!phase_shift_pattern_layout(rig.projector_width, rig.projector_height,
+                                  rig.projector_period_px, layout)) {
+    throw std::invalid_argument("virtual sensor: no phase-shift patterns for a " +
+                                std::to_string(rig.projector_width) + "x" +
+                                std::to_string(rig.projector_height) + " projector with period " +
+                                std::to_string(rig.projector_period_px));
+  }
+  return layout;
+}
+
+void check_frames(const std::vector<cv::Mat>& frames, const PhaseShiftPatternLayout& layout) {
+  bool fit = frames.size() == std::size_t(kFrames);
+  for (const cv::Mat& f : frames) {
+    fit = fit && f.type() == CV_8UC1 && f.cols == layout.width && f.rows == layout.height;
+  }
+  if (!fit) {
+    throw std::invalid_argument("virtual sensor: projector frames must be 13 8-bit grey images of " +
+                                std::to_string(layout.width) + "x" +
+                                std::to_string(layout.height));
+  }
+}
+
+}  // namespace
+
 VirtualSensor::VirtualSensor(const SimRig& rig, const SimScene& scene)
-    : rig_(rig), scene_(scene) {
+    : VirtualSensor(rig, scene,
+                    make_phase_shift_patterns(rig.projector_width, rig.projector_height,
+                                              rig.projector_period_px)) {}
+
+VirtualSensor::VirtualSensor(const SimRig& rig, const SimScene& scene,
+                             std::vector<cv::Mat> projector_frames)
+    : rig_(rig), scene_(scene), layout_(projector_layout(rig)),
+      frames_(std::move(projector_frames)) {
+  check_frames(frames_, layout_);
   projector_center_ = cv::Vec3d(rig.baseline_mm / 2.0, 0.0, 0.0);
   // About one period per 20 camera columns, at most 64 periods across the
   // view, so that the periods camera 0 sees stay inside 25..96.
   const double periods_in_view = std::clamp(rig.width / 20.0, 16.0, 64.0);
-  projector_focal_px_ = periods_in_view * rig.projector_period_px * rig.focal_px / rig.width;
+  projector_focal_px_ = periods_in_view * layout_.period * rig.focal_px / rig.width;
   // Camera 0's optical axis meets period 61 at the reference depth.
-  projector_cx_ = kUsableCentrePeriod * rig.projector_period_px +
+  projector_cx_ = layout_.period_begin(kUsableCentrePeriod) +
                   projector_focal_px_ * projector_center_[0] / kReferenceDepthMm;
+  projector_cy_ = layout_.height / 2.0;
 }
 
 bool VirtualSensor::cast(const cv::Vec3d& origin, const cv::Vec3d& dir, Hit& hit) const {
@@ -143,26 +163,49 @@ bool VirtualSensor::cast(const cv::Vec3d& origin, const cv::Vec3d& dir, Hit& hit
   return std::isfinite(hit.t);
 }
 
-double VirtualSensor::projector_column(const cv::Vec3d& point) const {
-  return projector_focal_px_ * (point[0] - projector_center_[0]) / point[2] + projector_cx_;
+// Projector image coordinates of a point, continuous: pixel (c, r) covers
+// [c, c + 1) x [r, r + 1).
+cv::Point2d VirtualSensor::projector_pixel(const cv::Vec3d& point) const {
+  const cv::Vec3d p = point - projector_center_;
+  return cv::Point2d(projector_focal_px_ * p[0] / p[2] + projector_cx_,
+                     projector_focal_px_ * p[1] / p[2] + projector_cy_);
 }
 
 int VirtualSensor::period_index_at(const cv::Vec3d& point) const {
-  return int(std::floor(projector_column(point) / rig_.projector_period_px));
+  return layout_.period_index(projector_pixel(point).x);
 }
 
 double VirtualSensor::absolute_phase_at(const cv::Vec3d& point) const {
-  return 2.0 * kPi * projector_column(point) / rig_.projector_period_px - kPi;
+  return layout_.absolute_phase(projector_pixel(point).x);
 }
 
-bool VirtualSensor::lit_by_projector(const cv::Vec3d& point) const {
-  const double u = projector_column(point);
-  if (point[2] <= 0.0 || u < 0.0 || u >= kPeriods * rig_.projector_period_px) return false;
+bool VirtualSensor::lit_by_projector(const cv::Vec3d& point, const cv::Point2d& pixel) const {
+  if (point[2] <= projector_center_[2] || pixel.x < 0.0 || pixel.y < 0.0 ||
+      pixel.x >= layout_.width || pixel.y >= layout_.height) {
+    return false;
+  }
   const cv::Vec3d to_projector = projector_center_ - point;
   const double distance = cv::norm(to_projector);
   Hit blocker;
   const cv::Vec3d dir = to_projector / distance;
   return !(cast(point + 1e-6 * dir, dir, blocker) && blocker.t < distance - 1e-6);
+}
+
+// Every frame's value in [0, 1] at a projector pixel inside the image,
+// bilinear between pixel centres and clamped at the image's edge.
+void VirtualSensor::sample_frames(const cv::Point2d& pixel, double* values) const {
+  const double x = pixel.x - 0.5, y = pixel.y - 0.5;
+  const int x0 = int(std::floor(x)), y0 = int(std::floor(y));
+  const double fx = x - x0, fy = y - y0;
+  const int c0 = std::clamp(x0, 0, layout_.width - 1), c1 = std::clamp(x0 + 1, 0, layout_.width - 1);
+  const int r0 = std::clamp(y0, 0, layout_.height - 1), r1 = std::clamp(y0 + 1, 0, layout_.height - 1);
+  for (int f = 0; f < kFrames; ++f) {
+    const uchar* top = frames_[f].ptr<uchar>(r0);
+    const uchar* bottom = frames_[f].ptr<uchar>(r1);
+    const double upper = top[c0] + fx * (top[c1] - top[c0]);
+    const double lower = bottom[c0] + fx * (bottom[c1] - bottom[c0]);
+    values[f] = (upper + fy * (lower - upper)) / 255.0;
+  }
 }
 
 double VirtualSensor::albedo(const cv::Vec3d& point) const {
@@ -249,16 +292,16 @@ std::vector<cv::Mat> VirtualSensor::render_frames(const RayCamera& camera, const
         if (!cast(camera.origin, dirs[static_cast<std::size_t>(u) * n * n + k], hit)) continue;
         const double a = albedo(hit.point);
         const double base = a * light.ambient;
+        const cv::Point2d pixel = projector_pixel(hit.point);
+        double pattern[kFrames] = {};
         double lit = 0.0;
-        if (lit_by_projector(hit.point)) {
+        if (lit_by_projector(hit.point, pixel)) {
           const cv::Vec3d to_projector = cv::normalize(projector_center_ - hit.point);
           lit = a * light.projector_gain * std::max(0.0, hit.normal.dot(to_projector));
+          sample_frames(pixel, pattern);
         }
-        const double u_projector = projector_column(hit.point);
         for (int f = 0; f < kFrames; ++f) {
-          const double p =
-              lit > 0.0 ? pattern(f, u_projector, rig_.projector_period_px, light.fringe_contrast) : 0.0;
-          acc[f] += weight * (base + lit * p);
+          acc[f] += weight * (base + lit * with_fringe_contrast(f, pattern[f], light.fringe_contrast));
         }
       }
       for (int f = 0; f < kFrames; ++f) radiance[f].at<float>(v, u) = float(acc[f]);

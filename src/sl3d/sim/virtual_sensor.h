@@ -13,9 +13,11 @@
 // Frames: the world frame is camera 0's: x to the right, y down, z forward
 // (millimetres). Camera 1 sits at (baseline, 0, 0) with the same orientation,
 // so the pair is rectified and the disparity of a point at depth Z is
-// focal * baseline / Z. The projector sits halfway between the cameras; its
-// columns carry 128 stripe periods, of which the ones camera 0 sees fall
-// inside the usable range 25..96 for depths of about 600..2000 mm.
+// focal * baseline / Z. The projector sits halfway between the cameras and
+// throws the very frames make_phase_shift_patterns makes for its size (or
+// frames handed in, such as those `sl3d patterns` wrote); the periods
+// camera 0 sees fall inside the usable range 25..96 for depths of about
+// 600..2000 mm.
 
 #include <array>
 #include <cstdint>
@@ -24,6 +26,7 @@
 #include <opencv2/core.hpp>
 
 #include <sl3d/export.h>
+#include <sl3d/patterns/phase_shift_patterns.h>
 
 namespace sl3d {
 
@@ -55,7 +58,11 @@ struct SL3D_EXPORT SimRig {
   int height = 1024;
   double focal_px = 1400.0;     // both cameras, square pixels
   double baseline_mm = 100.0;   // camera 1 at +x
-  int projector_period_px = 16; // projector pixels per stripe period
+  // The projector's image: its size and the columns per stripe period of
+  // the frames it throws (128 periods must fit the width).
+  int projector_width = 2048;
+  int projector_height = 1536;
+  int projector_period_px = 16;
 
   // The default rig at another image size: the focal length scales with
   // the width (1400 px at 1280), so the scene fills the view alike.
@@ -68,7 +75,10 @@ struct SL3D_EXPORT SimRig {
 
 // Light and sensor model of one capture. Grey value =
 //   ambient + albedo * shading * (projector_gain * pattern) + noise,
-// with `pattern` in [0, 1], then optional Gaussian blur, clipped to 0..255.
+// with `pattern` in [0, 1] the projector frame's grey level / 255 where the
+// ray from the projector meets the surface, interpolated bilinearly between
+// projector pixels (the projector's optics blur its pixels by about one
+// pixel), then optional Gaussian blur, clipped to 0..255.
 struct SL3D_EXPORT SimLight {
   double ambient = 20.0;
   double projector_gain = 200.0;  // grey levels of a fully lit white surface
@@ -111,7 +121,15 @@ SL3D_EXPORT std::array<SimCamera, 2> default_raw_cameras(const SimRig& rig);
 
 class SL3D_EXPORT VirtualSensor {
  public:
+  // Projects make_phase_shift_patterns(rig.projector_width,
+  // rig.projector_height, rig.projector_period_px). Throws
+  // std::invalid_argument when those refuse the rig's projector.
   VirtualSensor(const SimRig& rig = SimRig(), const SimScene& scene = SimScene::default_scene());
+  // Projects `projector_frames` instead: 13 CV_8UC1 frames of the rig's
+  // projector size laid out with its period, in setpict index order (as
+  // `sl3d patterns` writes them). Throws std::invalid_argument otherwise.
+  VirtualSensor(const SimRig& rig, const SimScene& scene,
+                std::vector<cv::Mat> projector_frames);
 
   const SimRig& rig() const { return rig_; }
   const SimScene& scene() const { return scene_; }
@@ -141,6 +159,8 @@ class SL3D_EXPORT VirtualSensor {
   int period_index_at(const cv::Vec3d& point) const;
   double absolute_phase_at(const cv::Vec3d& point) const;
 
+  const PhaseShiftPatternLayout& pattern_layout() const { return layout_; }
+
  private:
   struct Hit;
   struct RayCamera;
@@ -149,15 +169,19 @@ class SL3D_EXPORT VirtualSensor {
   std::vector<cv::Mat> render_frames(const RayCamera& camera, const SimLight& light) const;
   cv::Mat render_texture(const RayCamera& camera, const SimLight& light) const;
   bool cast(const cv::Vec3d& origin, const cv::Vec3d& dir, Hit& hit) const;
-  double projector_column(const cv::Vec3d& point) const;
-  bool lit_by_projector(const cv::Vec3d& point) const;
+  cv::Point2d projector_pixel(const cv::Vec3d& point) const;
+  bool lit_by_projector(const cv::Vec3d& point, const cv::Point2d& pixel) const;
+  void sample_frames(const cv::Point2d& pixel, double* values) const;
   double albedo(const cv::Vec3d& point) const;
 
   SimRig rig_;
   SimScene scene_;
+  PhaseShiftPatternLayout layout_;
+  std::vector<cv::Mat> frames_;  // what the projector throws, setpict order
   cv::Vec3d projector_center_;
   double projector_focal_px_ = 0.0;
   double projector_cx_ = 0.0;
+  double projector_cy_ = 0.0;
 };
 
 }  // namespace sl3d
