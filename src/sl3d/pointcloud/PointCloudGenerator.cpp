@@ -1,6 +1,7 @@
 #include <sl3d/pointcloud/PointCloudGenerator.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -11,25 +12,13 @@
 #include <opencv2/core.hpp>
 
 #include <sl3d/camera/stereo_camera.h>
-#include <sl3d/psft/psft.h>
-#include <sl3d/sgbm/sgbm.h>
 
-extern "C" iPointCloudGenerator* createPointCloudGenerator(int kind) {
-  PointCloudGenerator* gen = nullptr;
-  if (kind == 1) {
-    gen = new (std::nothrow) SGBMaching();
-  } else {
-    gen = new (std::nothrow) PhaseShift();
-  }
-  if (gen != nullptr) gen->verbose = 1;
-  return gen;
-}
+PointCloudGenerator::PointCloudGenerator() = default;
 
 PointCloudGenerator::~PointCloudGenerator() { dispose(); }
 
 void PointCloudGenerator::dispose() {
-  delete stereo_camera_;
-  stereo_camera_ = nullptr;
+  stereo_camera_.reset();
   q_.reset();
   disparities_.reset();
   disparity_count_ = 0;
@@ -38,17 +27,24 @@ void PointCloudGenerator::dispose() {
   point_count_ = 0;
 }
 
+int PointCloudGenerator::checked_pixel_count(int width, int height) {
+  const long long pixels = static_cast<long long>(width) * height;
+  if (width < 0 || height < 0 || pixels > INT_MAX) throw std::bad_array_new_length();
+  return static_cast<int>(pixels);
+}
+
 bool PointCloudGenerator::init(int width, int height) {
+  const int pixels = checked_pixel_count(width, height);
   dispose();
   width_ = width;
   height_ = height;
-  // The pixel count is a 32-bit product, as the buffers' element counts are.
-  pixel_count_ = static_cast<int>(static_cast<unsigned>(width) * static_cast<unsigned>(height));
-  const long n = pixel_count_;
+  pixel_count_ = pixels;
+  const std::size_t n = static_cast<std::size_t>(pixels);
   points_.reset(new (std::nothrow) PointCloudElement[n]);
   if (!points_) return false;
   range_grid_.reset(new (std::nothrow) int[n]);
   if (!range_grid_) return false;
+  std::fill_n(range_grid_.get(), n, -1);
   disparities_.reset(new (std::nothrow) double[4 * n]);
   return static_cast<bool>(disparities_);
 }
@@ -67,8 +63,10 @@ bool PointCloudGenerator::set_camera_params(const char* dir) {
   const cv::Size size(width_, height_);
   const cv::Scalar no_fill(0, 0, 0, 0);
   if (verbose) std::printf("Trying create stereo camera from Hmat...\n");
-  replace_stereo_camera(create_StereoCamera_from_Hmats(base + "/hmat0.dat", base + "/hmat1.dat",
-                                                       base + "/rect.param", size, no_fill, no_fill));
+  // The result of a load replaces the stereo model, a failed load (null)
+  // included; the earlier model is released rather than leaked.
+  stereo_camera_.reset(create_StereoCamera_from_Hmats(base + "/hmat0.dat", base + "/hmat1.dat",
+                                                      base + "/rect.param", size, no_fill, no_fill));
   if (stereo_camera_ != nullptr) {
     if (verbose) std::printf(">> Success.\n");
     return take_q_from_stereo_camera();
@@ -76,20 +74,13 @@ bool PointCloudGenerator::set_camera_params(const char* dir) {
   if (verbose) std::printf(">> Failure\n");
   if (verbose) std::printf("Trying create stereo camera from yaml...\n");
   const std::vector<std::string> files = {base + "/cam0_param.yaml", base + "/cam1_param.yaml"};
-  replace_stereo_camera(create_StereoCamera(files, size, -1.0, 0, no_fill, no_fill));
+  stereo_camera_.reset(create_StereoCamera(files, size, -1.0, 0, no_fill, no_fill));
   if (stereo_camera_ != nullptr) {
     if (verbose) std::printf(">> Success.\n");
     return take_q_from_stereo_camera();
   }
   if (verbose) std::printf(">> Failure\n");
   return false;
-}
-
-// The result of a load replaces the stereo model, a failed load (null)
-// included; the earlier model is released rather than leaked.
-void PointCloudGenerator::replace_stereo_camera(StereoCamera* camera) {
-  delete stereo_camera_;
-  stereo_camera_ = camera;
 }
 
 // A stereo model whose Q is not 4x4 (a YAML form without "Q") cannot give
@@ -113,7 +104,17 @@ void PointCloudGenerator::rectify(unsigned char* img, int width, int height, uns
   stereo_camera_->cameras[camera].remap(raw, rectified);
   // The rectified image must be exactly the generator's size; it overwrites
   // the top-left corner of the caller's buffer, the rest keeps the raw data.
-  CV_Assert(rectified.rows == height_ && rectified.cols == width_ && rectified.type() == CV_8UC1);
+  if (rectified.rows != height_ || rectified.cols != width_ || rectified.type() != CV_8UC1) {
+    CV_Error(cv::Error::StsBadSize,
+             cv::format("rectify: camera %d's maps give a %dx%d image of type %d; the generator "
+                        "was initialised for %dx%d 8-bit images",
+                        camera, rectified.cols, rectified.rows, rectified.type(), width_, height_));
+  }
+  if (width_ > width || height_ > height) {
+    CV_Error(cv::Error::StsBadSize,
+             cv::format("rectify: a %dx%d buffer cannot hold the generator's %dx%d image", width,
+                        height, width_, height_));
+  }
   rectified.copyTo(raw(cv::Rect(0, 0, width_, height_)));
 }
 

@@ -32,6 +32,7 @@
 #include <Eigen/Core>
 
 #include <sl3d/export.h>
+#include <sl3d/pointcloud/ply.h>
 
 class StereoCamera;
 
@@ -56,7 +57,13 @@ class SL3D_EXPORT iPointCloudGenerator {
   virtual void destroy() = 0;
   // Allocates the point buffer, range grid and disparity list for
   // width x height images and releases any camera parameters held before.
-  // Returns false when an allocation fails (the object stays usable).
+  // Every buffer and plane that is allocated anew starts cleared (the range
+  // grid at -1), so a fresh generator's results do not depend on what the
+  // memory held before. Returns false when an allocation fails (the object
+  // stays usable and may be initialised again). A negative width or height,
+  // or a pixel count width*height beyond INT_MAX, has no representable byte
+  // count: init raises std::bad_array_new_length before any other effect,
+  // leaving the generator as it was.
   virtual bool init(int width, int height) = 0;
   // Loads the rectified stereo model from a calibration directory and takes
   // its Q matrix. Returns true when a stereo camera was built.
@@ -94,19 +101,6 @@ class SL3D_EXPORT iPointCloudGenerator {
 // value phase shift (PhaseShift). Returns null when memory is exhausted.
 extern "C" SL3D_EXPORT iPointCloudGenerator* createPointCloudGenerator(int kind);
 
-// Writes points, and with a non-null range grid also the grid
-// (num_cols x num_rows entries, 0xFFFFFFFF = no point), as a binary
-// little-endian PLY file.
-//
-// Returns 0 on success and also when the file cannot be opened (nothing is
-// written then); callers that need certainty check the file. With a range
-// grid but num_cols or num_rows 0 the file is left with only its first three
-// header lines and 0 is returned. A close failure returns EOF. Negative
-// counts write no vertex records.
-SL3D_EXPORT int writePLY(std::string filename, const PointCloudElement* points,
-                         int count, const unsigned int* range_grid,
-                         int num_cols, int num_rows);
-
 // The common base of both generators: owns the output buffers and turns a
 // disparity list into points. Derived generators fill the disparity list in
 // exec() and call generate_pointcloud() from genPC().
@@ -116,7 +110,7 @@ class SL3D_EXPORT PointCloudGenerator : public iPointCloudGenerator {
   using ByteImage =
       Eigen::Matrix<std::uint8_t, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>;
 
-  PointCloudGenerator() = default;
+  PointCloudGenerator();
   PointCloudGenerator(const PointCloudGenerator&) = delete;
   PointCloudGenerator& operator=(const PointCloudGenerator&) = delete;
 
@@ -135,7 +129,7 @@ class SL3D_EXPORT PointCloudGenerator : public iPointCloudGenerator {
   const double* get_disparity_ptr() const { return disparities_.get(); }
   const double* get_q_matrix() const { return q_.get(); }
   // The stereo model loaded from a calibration directory, or null.
-  const StereoCamera* get_stereo_camera() const { return stereo_camera_; }
+  const StereoCamera* get_stereo_camera() const { return stereo_camera_.get(); }
   int width() const { return width_; }
   int height() const { return height_; }
 
@@ -173,10 +167,13 @@ class SL3D_EXPORT PointCloudGenerator : public iPointCloudGenerator {
 
   int pixel_count() const { return pixel_count_; }
 
+  // width * height for init; raises std::bad_array_new_length when either is
+  // negative or the product exceeds INT_MAX.
+  static int checked_pixel_count(int width, int height);
+
  private:
   // Releases stereo camera, Q, disparity list, range grid and points.
   void dispose();
-  void replace_stereo_camera(StereoCamera* camera);
   bool take_q_from_stereo_camera();
   // Stores one point for the record at column x, row y.
   void emit_point(double x, double y, double px, double py, double pz,
@@ -188,8 +185,8 @@ class SL3D_EXPORT PointCloudGenerator : public iPointCloudGenerator {
   int disparity_count_ = 0;
   std::unique_ptr<double[]> disparities_;
   std::unique_ptr<double[]> q_;
-  // Rectified stereo model loaded from a calibration directory (owned).
-  StereoCamera* stereo_camera_ = nullptr;
+  // Rectified stereo model loaded from a calibration directory.
+  std::unique_ptr<StereoCamera> stereo_camera_;
   int width_ = 0;
   int height_ = 0;
   int pixel_count_ = 0;

@@ -17,8 +17,6 @@
 
 #include <sl3d/camera/stereo_camera.h>
 #include <sl3d/pointcloud/PointCloudGenerator.h>
-#include <sl3d/psft/psft.h>
-#include <sl3d/sgbm/sgbm.h>
 #include <sl3d/sim/sim_calibration.h>
 
 namespace {
@@ -64,36 +62,6 @@ std::string printed_by_genpc(iPointCloudGenerator& gen, int mode, int* count) {
   testing::internal::CaptureStdout();
   *count = gen.genPC(mode);
   return testing::internal::GetCapturedStdout();
-}
-
-TEST(Factory, KindOneIsBlockMatchingEverythingElsePhaseShift) {
-  for (int kind : {1, 0, 2, -1}) {
-    std::unique_ptr<iPointCloudGenerator, Destroy> gen(createPointCloudGenerator(kind));
-    ASSERT_NE(gen, nullptr) << kind;
-    auto* base = dynamic_cast<PointCloudGenerator*>(gen.get());
-    ASSERT_NE(base, nullptr) << kind;
-    EXPECT_EQ(dynamic_cast<SGBMaching*>(gen.get()) != nullptr, kind == 1) << kind;
-    EXPECT_EQ(dynamic_cast<PhaseShift*>(gen.get()) != nullptr, kind != 1) << kind;
-    EXPECT_EQ(base->verbose, 1) << kind;
-
-    // Nothing is allocated before init.
-    EXPECT_EQ(gen->get_pointcloud_cnt(), 0);
-    EXPECT_EQ(gen->get_pointcloud_ptr(), nullptr);
-    EXPECT_EQ(gen->get_rangegrid(), nullptr);
-    EXPECT_EQ(base->get_disparity_cnt(), 0);
-    EXPECT_EQ(base->get_disparity_ptr(), nullptr);
-    EXPECT_EQ(base->get_q_matrix(), nullptr);
-    EXPECT_EQ(base->width(), 0);
-    EXPECT_EQ(base->height(), 0);
-
-    ASSERT_TRUE(gen->init(6, 4));
-    EXPECT_EQ(gen->get_pointcloud_cnt(), 0);
-    EXPECT_NE(gen->get_pointcloud_ptr(), nullptr);
-    EXPECT_NE(gen->get_rangegrid(), nullptr);
-    EXPECT_NE(base->get_disparity_ptr(), nullptr);
-    EXPECT_EQ(base->width(), 6);
-    EXPECT_EQ(base->height(), 4);
-  }
 }
 
 TEST(Calibration, InitDropsQAndGenPcThenReportsIt) {

@@ -1,3 +1,5 @@
+#include <sl3d/pointcloud/ply.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>

@@ -28,14 +28,6 @@ constexpr std::uint8_t gray_to_binary(unsigned i) {
   return static_cast<std::uint8_t>(b & 0xFF);
 }
 
-struct GrayTable {
-  std::uint8_t v[256];
-  constexpr GrayTable() : v() {
-    for (unsigned i = 0; i < 256; ++i) v[i] = gray_to_binary(i);
-  }
-};
-constexpr GrayTable kGrayTable;
-
 // The fringe images hold 8-bit values, so both arguments of the phase's
 // atan2 are integers in [-255, 255]: one table of the exact results replaces
 // millions of atan2 calls.
@@ -55,6 +47,23 @@ class Atan2Table {
   }
   std::vector<double> v_;
 };
+
+// The search window of column x is [x + min disparity, x + max disparity),
+// truncated toward zero and clipped to the row. The bounds are clipped in
+// double before the conversion, so parameters far outside the int range
+// give an empty or a whole-row window instead of an overflowing cast; for
+// bounds inside the row the result is the plain truncation.
+int search_begin(int x, double min_disparity, int width) {
+  const double lo = x + min_disparity;
+  if (!(lo > 0)) return 0;
+  return lo < width ? static_cast<int>(lo) : width;
+}
+
+int search_end(int x, double max_disparity, int width) {
+  const double hi = x + max_disparity;
+  if (!(width > hi)) return width;
+  return hi > 0 ? static_cast<int>(hi) : 0;
+}
 
 bool fringe_pair_inconsistent(double a_flat, double b_flat, double a_steep,
                               double b_steep) {
@@ -125,19 +134,36 @@ bool PhaseShift::init(int width, int height) {
   return true;
 }
 
+namespace {
+
+// A plane whose element count is already right keeps its memory and its
+// contents; a plane allocated anew starts at zero, so that nothing read
+// before it is written (the disparity map's neighbours, frames never handed
+// in) depends on what the memory held before.
+template <typename Plane>
+void resize_plane(Plane& plane, int width, int height) {
+  if (plane.size() == static_cast<Eigen::Index>(width) * height) {
+    plane.resize(height, width);
+  } else {
+    plane.setZero(height, width);
+  }
+}
+
+}  // namespace
+
 void PhaseShift::resize_planes(int width, int height) {
   for (CameraPlanes& cam : cams_) {
-    cam.status.resize(height, width);
-    cam.black.resize(height, width);
-    cam.white.resize(height, width);
-    for (ByteImage& g : cam.gray) g.resize(height, width);
-    for (DoubleImage& f : cam.fringe) f.resize(height, width);
-    cam.code.resize(height, width);
-    cam.phase.resize(height, width);
+    resize_plane(cam.status, width, height);
+    resize_plane(cam.black, width, height);
+    resize_plane(cam.white, width, height);
+    for (ByteImage& g : cam.gray) resize_plane(g, width, height);
+    for (DoubleImage& f : cam.fringe) resize_plane(f, width, height);
+    resize_plane(cam.code, width, height);
+    resize_plane(cam.phase, width, height);
   }
-  texture_.resize(height, width);
-  disparity_map_.resize(height, width);
-  threshold_.resize(height, width);
+  resize_plane(texture_, width, height);
+  resize_plane(disparity_map_, width, height);
+  resize_plane(threshold_, width, height);
 }
 
 void PhaseShift::setparams(void* p) {
@@ -380,10 +406,8 @@ void PhaseShift::match_row(int y, sl3d::detail::PhaseRowMatcher& matcher) {
 
   int hint = -1;
   for (int x = 0; x < width; ++x) {
-    int lo = 0;
-    if (x + prm.min_disparity > 0) lo = static_cast<int>(x + prm.min_disparity);
-    int hi = width;
-    if (width > x + prm.max_disparity) hi = static_cast<int>(x + prm.max_disparity);
+    const int lo = search_begin(x, prm.min_disparity, width);
+    const int hi = search_end(x, prm.max_disparity, width);
     if (lo >= hi) {
       S0[x] = kPsNoMatch;
       continue;

@@ -4,10 +4,15 @@
 
 #include <gtest/gtest.h>
 
+#include <malloc.h>
+
+#include <algorithm>
 #include <cmath>
+#include <memory>
 #include <vector>
 
 #include <sl3d/psft/psft.h>
+#include <sl3d/sim/virtual_sensor.h>
 
 namespace {
 
@@ -245,3 +250,52 @@ TEST(SubPixelFit, FiveSamplesCorrectByAFifthOfTheLine) {
 }
 
 }  // namespace
+
+// ---------------------------------------------------------------------------
+// A fresh generator's result may not depend on what the heap held before.
+
+using Capture = std::vector<cv::Mat>[2];
+
+// Measures a capture with a fresh generator and returns its disparity list.
+// malloc fills the blocks it hands out during init with the byte ~perturb
+// (glibc's M_PERTURB; 0 = off).
+std::vector<double> fresh_measurement(const Capture& frames, int perturb = 0) {
+  const cv::Size size = frames[0][0].size();
+  mallopt(M_PERTURB, perturb);
+  auto* gen = static_cast<PhaseShift*>(createPointCloudGenerator(0));
+  const bool initialised = gen->init(size.width, size.height);
+  mallopt(M_PERTURB, 0);
+  EXPECT_TRUE(initialised);
+  // Cells without a point read -1 also before any Q route has reset them.
+  const int* grid = gen->get_rangegrid();
+  EXPECT_EQ(std::count(grid, grid + size.area(), -1), size.area());
+  for (int c = 0; c < 2; ++c)
+    for (int i = 0; i < 13; ++i) gen->setpict(frames[c][i].data, frames[c][i].step, c, i);
+  gen->exec();
+  std::vector<double> records(gen->get_disparity_ptr(),
+                              gen->get_disparity_ptr() + 4 * gen->get_disparity_cnt());
+  gen->destroy();
+  return records;
+}
+
+// The heap is dirtied the way a program dirties it, by generators that
+// measured before (their freed planes, the disparity map among them, are
+// what the next generator gets: malloc is told to keep freed memory rather
+// than return it to the system), and by malloc's own fill pattern.
+TEST(FreshGenerator, SameCaptureSameResultWhateverTheHeapHeld) {
+  const sl3d::VirtualSensor sensor(sl3d::SimRig::scaled(96, 64));
+  sl3d::SimLight harsh;
+  harsh.noise_sigma = 6.0;
+  const Capture scene = {sensor.render_phase_shift(0, harsh), sensor.render_phase_shift(1, harsh)};
+  const Capture clean = {sensor.render_phase_shift(0), sensor.render_phase_shift(1)};
+
+  const std::vector<double> first = fresh_measurement(scene);
+  EXPECT_GT(first.size(), 0u);
+  EXPECT_EQ(fresh_measurement(scene, 0x41), first);
+  mallopt(M_TRIM_THRESHOLD, 1 << 30);
+  mallopt(M_MMAP_THRESHOLD, 1 << 25);
+  for (const Capture* before : {&clean, &scene}) {
+    fresh_measurement(*before);
+    EXPECT_EQ(fresh_measurement(scene), first);
+  }
+}

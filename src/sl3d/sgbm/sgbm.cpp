@@ -1,6 +1,9 @@
 #include <sl3d/sgbm/sgbm.h>
 
+#include <algorithm>
+#include <climits>
 #include <cstring>
+#include <new>
 
 #include <opencv2/calib3d.hpp>
 
@@ -14,9 +17,17 @@ SGBMaching::~SGBMaching() {
 
 bool SGBMaching::init(int width, int height) {
   if (!PointCloudGenerator::init(width, height)) return false;
-  status_.create(height, width, CV_8UC1);
-  left_.create(height, width, CV_8UC1);
-  right_.create(height, width, CV_8UC1);
+  // OpenCV reports exhausted memory as its own exception; init reports it
+  // as false, like the base buffers.
+  try {
+    status_.create(height, width, CV_8UC1);
+    left_.create(height, width, CV_8UC1);
+    right_.create(height, width, CV_8UC1);
+  } catch (const cv::Exception&) {
+    return false;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
   return true;
 }
 
@@ -29,12 +40,53 @@ void SGBMaching::setpict(unsigned char* img, unsigned long step, int camera, int
   wrapped.copyTo(camera == 0 ? left_ : right_);
 }
 
-int SGBMaching::exec() {
-  // OpenCV 4.6 terminates the process, instead of raising, when the matcher
-  // is run with a negative number of disparities; raise its exception here.
-  if (params_.num_disparities < 0) {
+namespace {
+
+// Parameters with which OpenCV 4.6's matcher would crash, abort or overflow
+// instead of raising its exception are refused here, with OpenCV's
+// exception, before it runs:
+// - a negative number of disparities terminates the process;
+// - a block larger than the image reads outside its buffers (segfaults seen
+//   from about 5 x the image height on); no image that small can be matched
+//   with such a block anyway;
+// - P2 = 32 * cn * bs^2 must fit an int (from bs = 8192 on it overflows);
+// - so must min disparity + number of disparities, which the matcher adds
+//   in int;
+// - in the 3-way mode, a search range leaving no column to match aborts
+//   (OpenCV raises for an empty range, but throws again while unwinding).
+void refuse_what_the_matcher_cannot_run(const SGBMParams& p, const cv::Mat& left) {
+  if (p.num_disparities < 0) {
     CV_Error(cv::Error::StsOutOfRange, "SGBM number of disparities is negative");
   }
+  if (p.block_size > std::min(left.cols, left.rows)) {
+    CV_Error(cv::Error::StsOutOfRange,
+             cv::format("SGBM block size %d exceeds the %dx%d image", p.block_size, left.cols,
+                        left.rows));
+  }
+  const long long p2 = 32LL * left.channels() * p.block_size * p.block_size;
+  if (p2 > INT_MAX) {
+    CV_Error(cv::Error::StsOutOfRange,
+             cv::format("SGBM block size %d makes P2 overflow an int", p.block_size));
+  }
+  const long long max_disparity = static_cast<long long>(p.min_disparity) + p.num_disparities;
+  if (max_disparity > INT_MAX) {
+    CV_Error(cv::Error::StsOutOfRange,
+             cv::format("SGBM min disparity %d + %d disparities overflows an int", p.min_disparity,
+                        p.num_disparities));
+  }
+  const long long columns = left.cols + std::min(p.min_disparity, 0) - std::max(max_disparity, 0LL);
+  if (p.mode == cv::StereoSGBM::MODE_SGBM_3WAY && columns <= 0) {
+    CV_Error(cv::Error::StsOutOfRange,
+             cv::format("SGBM search range of %d disparities from %d leaves no column of the "
+                        "%d-wide image to match",
+                        p.num_disparities, p.min_disparity, left.cols));
+  }
+}
+
+}  // namespace
+
+int SGBMaching::exec() {
+  refuse_what_the_matcher_cannot_run(params_, left_);
   const int cn = left_.channels();
   const int bs = params_.block_size;
   cv::Ptr<cv::StereoSGBM> matcher = cv::StereoSGBM::create(
