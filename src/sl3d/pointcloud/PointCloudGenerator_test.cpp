@@ -36,7 +36,7 @@ class ListGenerator : public PointCloudGenerator {
   void setparams(void*) override {}
   void setpict(unsigned char*, unsigned long, int, int) override {}
   int exec() override { return get_disparity_cnt(); }
-  int genPC(int mode) override { return generate_pointcloud(mode, texture); }
+  int genPC(int mode) override { return generate_pointcloud(mode, texture.data()); }
 
   void add(double x, double y, double d) { append_disparity(x, y, d); }
   void clear() { clear_disparities(); }

@@ -7,12 +7,15 @@
 
 #include <opencv2/calib3d.hpp>
 
+#include <sl3d/pointcloud/threads.h>
+
 void SGBMaching::destroy() { delete this; }
 
 SGBMaching::~SGBMaching() {
   status_.release();
   left_.release();
   right_.release();
+  fixed_point_.release();
 }
 
 bool SGBMaching::init(int width, int height) {
@@ -85,6 +88,23 @@ void refuse_what_the_matcher_cannot_run(const SGBMParams& p, const cv::Mat& left
 
 }  // namespace
 
+namespace {
+
+// OpenCV's thread count as the library's setting for the lifetime of the
+// object, then as it was.
+class OpenCvThreads {
+ public:
+  explicit OpenCvThreads(int n) : saved_(cv::getNumThreads()) { cv::setNumThreads(n); }
+  ~OpenCvThreads() { cv::setNumThreads(saved_); }
+  OpenCvThreads(const OpenCvThreads&) = delete;
+  OpenCvThreads& operator=(const OpenCvThreads&) = delete;
+
+ private:
+  int saved_;
+};
+
+}  // namespace
+
 int SGBMaching::exec() {
   refuse_what_the_matcher_cannot_run(params_, left_);
   const int cn = left_.channels();
@@ -93,21 +113,25 @@ int SGBMaching::exec() {
       params_.min_disparity, params_.num_disparities, bs, 8 * cn * bs * bs, 32 * cn * bs * bs,
       params_.disp12_max_diff, params_.pre_filter_cap, params_.uniqueness_ratio,
       params_.speckle_window_size, params_.speckle_range, params_.mode);
-  cv::Mat fixed_point;
-  matcher->compute(left_, right_, fixed_point);
-  cv::Mat disparity;
-  fixed_point.convertTo(disparity, CV_64F, 0.0625, 0.0);
+  {
+    const OpenCvThreads threads(sl3d::num_threads());
+    matcher->compute(left_, right_, fixed_point_);
+  }
 
+  // The matcher's 16-bit disparities have 4 fractional bits: d * 0.0625 is
+  // the exact value in pixels (as convertTo with that scale would give it),
+  // without a 64-bit copy of the whole image.
   clear_disparities();
   const double min_disparity = params_.min_disparity;
-  for (int y = 0; y < disparity.rows; ++y) {
-    const double* d = disparity.ptr<double>(y);
+  for (int y = 0; y < fixed_point_.rows; ++y) {
+    const short* fixed = fixed_point_.ptr<short>(y);
     unsigned char* status = status_.ptr<unsigned char>(y);
-    for (int x = 0; x < disparity.cols; ++x) {
+    for (int x = 0; x < fixed_point_.cols; ++x) {
+      const double d = fixed[x] * 0.0625 + 0.0;
       // The matcher marks unmatched pixels below the min disparity.
-      if (d[x] > min_disparity) {
+      if (d > min_disparity) {
         status[x] = kAccepted;
-        append_disparity(x, y, d[x]);
+        append_disparity(x, y, d);
       } else {
         status[x] = kRejected;
       }
@@ -116,10 +140,6 @@ int SGBMaching::exec() {
   return get_disparity_cnt();
 }
 
-int SGBMaching::genPC(int mode) {
-  ByteImage texture(height(), width());
-  for (int y = 0; y < height(); ++y) {
-    std::memcpy(texture.row(y).data(), left_.ptr<unsigned char>(y), static_cast<std::size_t>(width()));
-  }
-  return generate_pointcloud(mode, texture);
-}
+// The left image is the texture, read in place: init made it a continuous
+// height x width plane.
+int SGBMaching::genPC(int mode) { return generate_pointcloud(mode, left_.ptr<std::uint8_t>()); }
