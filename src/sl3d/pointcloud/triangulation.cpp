@@ -50,7 +50,9 @@ namespace {
 inline void sight_vector(const double (&m)[3][3], double u, double v, double (&s)[3]) {
   for (int r = 0; r < 3; ++r) s[r] = m[r][0] * u + m[r][1] * v + m[r][2];
   const double n = std::sqrt(s[0] * s[0] + s[1] * s[1] + s[2] * s[2]);
-  const double scale = n == 0.0 ? 0.0 : 1.0 / n;
+  // Both sides computed, then chosen: no branch in the loop.
+  const double reciprocal = 1.0 / n;
+  const double scale = n == 0.0 ? 0.0 : reciprocal;
   for (double& c : s) c = c * scale;
 }
 
@@ -80,7 +82,8 @@ void triangulate_rays(const RayGeometry& g, const double* records, int n, double
       gap += (p1 - p2) * (p1 - p2);
       xyz[3 * i + c] = (p1 + p2) * 0.5;
     }
-    const double dist = k == 1.0 ? DBL_MAX : std::sqrt(gap);
+    const double root = std::sqrt(gap);
+    const double dist = k == 1.0 ? DBL_MAX : root;
     ok[i] = !(dist > 1e-8);
   }
 }
@@ -105,10 +108,13 @@ void triangulate_least_squares(const ProjectionGeometry& g, const double* record
       b[2 * c] = P[0][3] - u[c] * P[2][3];
       b[2 * c + 1] = P[1][3] - y * P[2][3];
     }
+    // N is symmetric, and so is its adjugate: N(c, r) and adj(c, r) are the
+    // same products as N(r, c) and adj(r, c), so each pair is formed once.
     double N[3][3], Atb[3];
     for (int r = 0; r < 3; ++r) {
-      for (int c = 0; c < 3; ++c) {
+      for (int c = r; c < 3; ++c) {
         N[r][c] = A[0][r] * A[0][c] + A[1][r] * A[1][c] + A[2][r] * A[2][c] + A[3][r] * A[3][c];
+        N[c][r] = N[r][c];
       }
       Atb[r] = A[0][r] * b[0] + A[1][r] * b[1] + A[2][r] * b[2] + A[3][r] * b[3];
     }
@@ -116,14 +122,17 @@ void triangulate_least_squares(const ProjectionGeometry& g, const double* record
                        N[0][1] * (N[1][0] * N[2][2] - N[1][2] * N[2][0]) +
                        N[0][2] * (N[1][0] * N[2][1] - N[1][1] * N[2][0]);
     ok[i] = det != 0.0;
-    const double inv = det != 0.0 ? 1.0 / det : 0.0;
-    const double adj[3][3] = {
-        {N[1][1] * N[2][2] - N[1][2] * N[2][1], N[0][2] * N[2][1] - N[0][1] * N[2][2],
-         N[0][1] * N[1][2] - N[0][2] * N[1][1]},
-        {N[1][2] * N[2][0] - N[1][0] * N[2][2], N[0][0] * N[2][2] - N[0][2] * N[2][0],
-         N[0][2] * N[1][0] - N[0][0] * N[1][2]},
-        {N[1][0] * N[2][1] - N[1][1] * N[2][0], N[0][1] * N[2][0] - N[0][0] * N[2][1],
-         N[0][0] * N[1][1] - N[0][1] * N[1][0]}};
+    const double inv = 1.0 / det;  // unused where det is 0
+    double adj[3][3];
+    adj[0][0] = N[1][1] * N[2][2] - N[1][2] * N[2][1];
+    adj[0][1] = N[0][2] * N[2][1] - N[0][1] * N[2][2];
+    adj[0][2] = N[0][1] * N[1][2] - N[0][2] * N[1][1];
+    adj[1][1] = N[0][0] * N[2][2] - N[0][2] * N[2][0];
+    adj[1][2] = N[0][2] * N[1][0] - N[0][0] * N[1][2];
+    adj[2][2] = N[0][0] * N[1][1] - N[0][1] * N[1][0];
+    adj[1][0] = adj[0][1];
+    adj[2][0] = adj[0][2];
+    adj[2][1] = adj[1][2];
     for (int r = 0; r < 3; ++r) {
       xyz[3 * i + r] =
           (adj[r][0] * inv) * Atb[0] + (adj[r][1] * inv) * Atb[1] + (adj[r][2] * inv) * Atb[2];
