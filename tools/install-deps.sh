@@ -7,6 +7,7 @@ packages=(
   make cmake g++ pkg-config python3 python3-opencv
   libopencv-dev libeigen3-dev
   libgtest-dev libbenchmark-dev
+  libdeflate-dev
 )
 
 missing=()

@@ -43,44 +43,53 @@ class ZeroedBuffer {
   std::size_t mapped_ = 0;  // length of the mapping; 0 for heap blocks
 };
 
-// A rows x cols row-major plane of T in a ZeroedBuffer.
+// A rows x cols row-major plane of T in memory owned elsewhere (one
+// ZeroedBuffer holds all planes of a generator, so that they share huge
+// pages).
 template <typename T>
 class Plane {
  public:
   using Matrix = Eigen::Matrix<T, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>;
 
-  // A plane whose element count is already rows*cols keeps its memory and
-  // contents (only its shape changes); otherwise it gets new zeroed memory.
-  // Returns false, leaving the plane empty, when memory runs out.
-  bool resize(int rows, int cols) {
-    const std::size_t count = static_cast<std::size_t>(rows) * static_cast<std::size_t>(cols);
-    if (count != size()) {
-      buffer_ = ZeroedBuffer::allocate(count * sizeof(T));
-      if (buffer_.empty() && count != 0) {
-        rows_ = cols_ = 0;
-        return false;
-      }
-    }
+  void bind(T* data, int rows, int cols) {
+    data_ = data;
     rows_ = rows;
     cols_ = cols;
-    return true;
   }
 
   int rows() const { return rows_; }
   int cols() const { return cols_; }
   std::size_t size() const { return static_cast<std::size_t>(rows_) * cols_; }
-  T* data() { return static_cast<T*>(buffer_.data()); }
-  const T* data() const { return static_cast<const T*>(buffer_.data()); }
-  T* row(int y) { return data() + static_cast<std::size_t>(y) * cols_; }
-  const T* row(int y) const { return data() + static_cast<std::size_t>(y) * cols_; }
+  T* data() { return data_; }
+  const T* data() const { return data_; }
+  T* row(int y) { return data_ + static_cast<std::size_t>(y) * cols_; }
+  const T* row(int y) const { return data_ + static_cast<std::size_t>(y) * cols_; }
 
-  Eigen::Map<Matrix> map() { return Eigen::Map<Matrix>(data(), rows_, cols_); }
-  Eigen::Map<const Matrix> map() const { return Eigen::Map<const Matrix>(data(), rows_, cols_); }
+  Eigen::Map<Matrix> map() { return Eigen::Map<Matrix>(data_, rows_, cols_); }
+  Eigen::Map<const Matrix> map() const { return Eigen::Map<const Matrix>(data_, rows_, cols_); }
 
  private:
-  ZeroedBuffer buffer_;
+  T* data_ = nullptr;
   int rows_ = 0;
   int cols_ = 0;
+};
+
+// Lays planes out one after the other in a block, each on a 64-byte
+// boundary: first counts the bytes (block null), then binds the planes.
+class PlaneLayout {
+ public:
+  explicit PlaneLayout(void* block) : block_(static_cast<unsigned char*>(block)) {}
+  template <typename T>
+  void place(Plane<T>& plane, int rows, int cols) {
+    const std::size_t bytes = sizeof(T) * static_cast<std::size_t>(rows) * cols;
+    if (block_ != nullptr) plane.bind(reinterpret_cast<T*>(block_ + used_), rows, cols);
+    used_ += (bytes + 63) & ~std::size_t{63};
+  }
+  std::size_t used() const { return used_; }
+
+ private:
+  unsigned char* block_;
+  std::size_t used_ = 0;
 };
 
 }  // namespace detail

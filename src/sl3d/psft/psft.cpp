@@ -337,17 +337,35 @@ bool PhaseShift::init(int width, int height) {
   return true;
 }
 
-bool PhaseShift::resize_planes(int width, int height) {
-  bool ok = true;
+void PhaseShift::place_planes(sl3d::detail::PlaneLayout& layout, int width, int height) {
+  layout.place(disparity_map_, height, width);
+  for (CameraPlanes& cam : cams_) layout.place(cam.phase, height, width);
   for (CameraPlanes& cam : cams_) {
-    ok = ok && cam.status.resize(height, width) && cam.black.resize(height, width) &&
-         cam.white.resize(height, width) && cam.code.resize(height, width) &&
-         cam.phase.resize(height, width);
-    for (Plane<std::uint8_t>& g : cam.gray) ok = ok && g.resize(height, width);
-    for (Plane<std::uint8_t>& f : cam.fringe) ok = ok && f.resize(height, width);
+    layout.place(cam.status, height, width);
+    layout.place(cam.black, height, width);
+    layout.place(cam.white, height, width);
+    for (Plane<std::uint8_t>& g : cam.gray) layout.place(g, height, width);
+    for (Plane<std::uint8_t>& f : cam.fringe) layout.place(f, height, width);
+    layout.place(cam.code, height, width);
   }
-  return ok && disparity_map_.resize(height, width) && threshold_.resize(height, width) &&
-         match_flags_.resize(height, width);
+  layout.place(threshold_, height, width);
+  layout.place(match_flags_, height, width);
+}
+
+// All planes share one block. When the pixel count is unchanged the block,
+// and with it every plane's contents, is kept; otherwise a new, zeroed one
+// replaces it.
+bool PhaseShift::resize_planes(int width, int height) {
+  sl3d::detail::PlaneLayout sizing(nullptr);
+  place_planes(sizing, width, height);
+  const bool same_count = cams_[0].status.size() == static_cast<std::size_t>(width) * height;
+  if (!same_count || plane_memory_.size() != sizing.used()) {
+    plane_memory_ = sl3d::detail::ZeroedBuffer::allocate(sizing.used());
+    if (plane_memory_.empty() && sizing.used() > 0) return false;
+  }
+  sl3d::detail::PlaneLayout layout(plane_memory_.data());
+  place_planes(layout, width, height);
+  return true;
 }
 
 void PhaseShift::setparams(void* p) {
@@ -367,12 +385,16 @@ void PhaseShift::setpict(unsigned char* img, unsigned long step, int camera, int
     plane = &cam.white;
   } else if (index >= kFirstGrayIndex && index < kFirstGrayIndex + kGrayBits) {
     // Stored minus black with a floor at zero, in the same pass as the copy.
+    // Byte stores may alias anything, so the bounds are read into locals.
     Plane<std::uint8_t>& gray = cam.gray[index - kFirstGrayIndex];
-    for (int y = 0; y < gray.rows(); ++y, img += step) {
-      std::uint8_t* out = gray.row(y);
-      const std::uint8_t* b = cam.black.row(y);
-      for (int x = 0; x < gray.cols(); ++x) {
-        out[x] = img[x] > b[x] ? static_cast<std::uint8_t>(img[x] - b[x]) : 0;
+    const int rows = gray.rows();
+    const int cols = gray.cols();
+    for (int y = 0; y < rows; ++y, img += step) {
+      std::uint8_t* __restrict out = gray.row(y);
+      const std::uint8_t* __restrict b = cam.black.row(y);
+      const std::uint8_t* __restrict in = img;
+      for (int x = 0; x < cols; ++x) {
+        out[x] = in[x] > b[x] ? static_cast<std::uint8_t>(in[x] - b[x]) : 0;
       }
     }
     return;
@@ -381,9 +403,9 @@ void PhaseShift::setpict(unsigned char* img, unsigned long step, int camera, int
   } else {
     return;
   }
-  for (int y = 0; y < plane->rows(); ++y, img += step) {
-    std::memcpy(plane->row(y), img, static_cast<std::size_t>(plane->cols()));
-  }
+  const int rows = plane->rows();
+  const std::size_t cols = static_cast<std::size_t>(plane->cols());
+  for (int y = 0; y < rows; ++y, img += step) std::memcpy(plane->row(y), img, cols);
 }
 
 // The white image of camera 0 is the texture: it is the plane setpict

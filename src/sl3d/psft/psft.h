@@ -198,12 +198,15 @@ class SL3D_EXPORT PhaseShift : public PointCloudGenerator {
   struct MatchChunk;
 
   bool resize_planes(int width, int height);
+  void place_planes(sl3d::detail::PlaneLayout& layout, int width, int height);
   void decode_rows(int camera, int y0, int y1, bool code, bool status, bool phase,
                    bool unwrap);
   void match_rows(int y0, int y1, sl3d::detail::PhaseRowMatcher& matcher, MatchChunk& chunk);
   int match_in_chunks(int chunks);
 
   PhaseShiftParams params_;
+  // One block for all planes below.
+  sl3d::detail::ZeroedBuffer plane_memory_;
   Plane<double> disparity_map_;
   Plane<std::uint8_t> threshold_;
   // Per pixel of camera 0, while the rows are matched in chunks: whether
