@@ -148,7 +148,7 @@ namespace {
 
 // Records are solved in runs of this many: small enough for the positions to
 // stay in the first-level cache, long enough for the solvers' loops.
-constexpr int kRun = 64;
+constexpr int kRun = 512;
 // Below this many records per thread the list is done on the calling thread.
 constexpr int kMinRecordsPerChunk = 1 << 16;
 
@@ -184,24 +184,24 @@ int PointCloudGenerator::emit_points(const std::uint8_t* texture, const Solve& s
   int* grid = get_rangegrid();
   const int width = width_;
   const auto run_chunk = [&](int begin, int end, ChunkResult& result) {
-    double xyz[3 * kRun];
-    unsigned char ok[kRun];
+    double X[kRun], Y[kRun], Z[kRun], ok[kRun];
+    const sl3d::detail::PositionColumns out{X, Y, Z, ok};
     long previous = -1;
     for (int run = begin; run < end; run += kRun) {
       const int m = std::min(kRun, end - run);
-      solve(records + 4 * static_cast<std::size_t>(run), m, xyz, ok);
+      solve(records + 4 * static_cast<std::size_t>(run), m, out);
       for (int i = 0; i < m; ++i) {
         const long pixel = pixel_of(records + 4 * static_cast<std::size_t>(run + i), width);
         result.ascending = result.ascending && pixel > previous;
         previous = pixel;
-        if (!ok[i]) {
+        if (ok[i] == 0.0) {
           result.records_without_point.push_back(run + i);
           continue;
         }
         PointCloudElement& p = points[begin + result.count];
-        p.x = static_cast<float>(xyz[3 * i]);
-        p.y = static_cast<float>(xyz[3 * i + 1]);
-        p.z = static_cast<float>(xyz[3 * i + 2]);
+        p.x = static_cast<float>(X[i]);
+        p.y = static_cast<float>(Y[i]);
+        p.z = static_cast<float>(Z[i]);
         p.red = p.green = p.blue = texture[pixel];
         grid[pixel] = begin + result.count;
         ++result.count;
@@ -255,13 +255,31 @@ int PointCloudGenerator::emit_points(const std::uint8_t* texture, const Solve& s
   return point_count_;
 }
 
+namespace {
+
+// The first three values of m records as columns, for the solvers' loops.
+struct Columns {
+  double x[kRun], y[kRun], d[kRun];
+  sl3d::detail::RecordColumns gather(const double* records, int m) {
+    for (int i = 0; i < m; ++i) {
+      x[i] = records[4 * i];
+      y[i] = records[4 * i + 1];
+      d[i] = records[4 * i + 2];
+    }
+    return {x, y, d};
+  }
+};
+
+}  // namespace
+
 // Least squares over both projection matrices. Unlike the Q route, the
 // range grid is not reset: cells of records without a point keep what an
 // earlier generation wrote there.
 int PointCloudGenerator::generate_pointcloud_P(const std::uint8_t* texture) {
   const sl3d::detail::ProjectionGeometry geometry = sl3d::detail::projection_geometry(*stereo_camera_);
-  return emit_points(texture, [&](const double* rec, int m, double* xyz, unsigned char* ok) {
-    sl3d::detail::triangulate_least_squares(geometry, rec, m, xyz, ok);
+  return emit_points(texture, [&](const double* rec, int m, const sl3d::detail::PositionColumns& out) {
+    Columns columns;
+    sl3d::detail::triangulate_least_squares(geometry, columns.gather(rec, m), m, out);
   });
 }
 
@@ -269,8 +287,9 @@ int PointCloudGenerator::generate_pointcloud_P(const std::uint8_t* texture) {
 // other by more than 1e-8 gives no point. The range grid is not reset.
 int PointCloudGenerator::generate_pointcloud_V(const std::uint8_t* texture) {
   const sl3d::detail::RayGeometry geometry = sl3d::detail::ray_geometry(*stereo_camera_);
-  return emit_points(texture, [&](const double* rec, int m, double* xyz, unsigned char* ok) {
-    sl3d::detail::triangulate_rays(geometry, rec, m, xyz, ok);
+  return emit_points(texture, [&](const double* rec, int m, const sl3d::detail::PositionColumns& out) {
+    Columns columns;
+    sl3d::detail::triangulate_rays(geometry, columns.gather(rec, m), m, out);
   });
 }
 
@@ -280,14 +299,14 @@ int PointCloudGenerator::generate_pointcloud_Q(const std::uint8_t* texture) {
   std::fill_n(get_rangegrid(), static_cast<std::size_t>(pixel_count_), -1);
   // Q times each record (x, y, d, 1), divided by W: no 4 x N temporary, which
   // at full size would be as large as the disparity list itself.
-  return emit_points(texture, [&](const double* rec, int m, double* xyz, unsigned char* ok) {
+  return emit_points(texture, [&](const double* rec, int m, const sl3d::detail::PositionColumns& out) {
     for (int i = 0; i < m; ++i) {
       const Eigen::Vector4d r = q * Eigen::Map<const Eigen::Vector4d>(rec + 4 * i);
-      ok[i] = r(3) != 0.0;
+      out.ok[i] = r(3) != 0.0 ? 1.0 : 0.0;
       const double inv = 1.0 / r(3);
-      xyz[3 * i] = inv * r(0);
-      xyz[3 * i + 1] = inv * r(1);
-      xyz[3 * i + 2] = inv * r(2);
+      out.X[i] = inv * r(0);
+      out.Y[i] = inv * r(1);
+      out.Z[i] = inv * r(2);
     }
   });
 }

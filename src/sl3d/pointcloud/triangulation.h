@@ -31,14 +31,27 @@ struct ProjectionGeometry {
 RayGeometry ray_geometry(const StereoCamera& pair);
 ProjectionGeometry projection_geometry(const StereoCamera& pair);
 
-// For n records (x, y, d, 1): pixel (x, y) of camera 0 and (x - d, y) of
-// camera 1. Writes the position to xyz[3i..3i+2] and whether it exists to
-// ok[i]: for rays, when the rays' gap is not above 1e-8; for least squares,
-// when the normal matrix's determinant is not exactly 0.
-void triangulate_rays(const RayGeometry& g, const double* records, int n, double* xyz,
-                      unsigned char* ok);
-void triangulate_least_squares(const ProjectionGeometry& g, const double* records, int n,
-                               double* xyz, unsigned char* ok);
+// Columns of n records, x[i], y[i], d[i]: pixel (x, y) of camera 0 and
+// (x - d, y) of camera 1. Writes the position to X[i], Y[i], Z[i] and
+// whether it exists to ok[i] (1.0 or 0.0): for rays, when the rays' gap is
+// not above 1e-8; for least squares, when the normal matrix's determinant
+// is not exactly 0. Columns of doubles only, the flag included, so that the
+// loops run on vectors of one width and without gaps.
+struct RecordColumns {
+  const double* x;
+  const double* y;
+  const double* d;
+};
+struct PositionColumns {
+  double* X;
+  double* Y;
+  double* Z;
+  double* ok;
+};
+void triangulate_rays(const RayGeometry& g, const RecordColumns& in, int n,
+                      const PositionColumns& out);
+void triangulate_least_squares(const ProjectionGeometry& g, const RecordColumns& in, int n,
+                               const PositionColumns& out);
 
 }  // namespace detail
 }  // namespace sl3d
