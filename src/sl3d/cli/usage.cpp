@@ -30,9 +30,10 @@ const char kGeneral[] =
 
 const char kScanHead[] =
     "usage: sl3d scan --method phaseshift|sgbm --images DIR --q FILE -o OUT.ply\n"
-    "                 [--depth-png FILE] [--params FILE]\n"
+    "                 [--depth-png FILE] [--params FILE] [--threads N]\n"
     "       sl3d scan --method phaseshift|sgbm --images DIR --calib DIR\n"
     "                 [--mode 0|1|2] -o OUT.ply [--depth-png FILE] [--params FILE]\n"
+    "                 [--threads N]\n"
     "\n"
     "Measures one capture and writes its points, with the range grid (camera 0's\n"
     "pixel -> point), as a binary little-endian PLY file. With --q the captures\n"
@@ -57,6 +58,9 @@ const char kScanHead[] =
     "  --depth-png FILE   also write a colour-coded depth preview on camera 0's\n"
     "                     pixel grid: near blue, far red (2nd..98th percentile\n"
     "                     of depth), black where there is no point\n"
+    "  --threads N        threads for reading the PNGs and measuring (default 0:\n"
+    "                     all cores; 1 keeps everything on one); the result\n"
+    "                     is the same for every N\n"
     "  --params FILE      YAML file overriding method parameters by field name;\n"
     "                     keys left out keep their defaults. Keys:\n";
 
