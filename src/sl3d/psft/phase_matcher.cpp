@@ -91,8 +91,7 @@ void PhaseRowMatcher::pull_up(int node) const {
   max_[node] = lmax > rmax ? lmax : rmax;
 }
 
-void PhaseRowMatcher::refresh(int column) {
-  if (!tree_built_) return;  // a later build reads the status as it is then
+void PhaseRowMatcher::refresh_tree(int column) {
   int node = leaves_ + column;
   const bool in_tree = min_[node] <= max_[node];
   if (in_tree == usable(column)) return;  // a use that left it usable

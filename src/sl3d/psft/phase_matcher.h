@@ -45,8 +45,11 @@ class PhaseRowMatcher {
   // Best column in [lo, hi) for `target`, or -1. `hint` may be any column.
   int find(double target, int lo, int hi, int hint) const;
 
-  // Re-reads the status of `column` after the caller changed it.
-  void refresh(int column);
+  // Re-reads the status of `column` after the caller changed it (only the
+  // tree, once built, remembers statuses).
+  void refresh(int column) {
+    if (tree_built_) refresh_tree(column);
+  }
 
  private:
   struct Best {
@@ -60,6 +63,7 @@ class PhaseRowMatcher {
   int find_crossing(int begin, int end, int hint_element, double target) const;
   int tree_find(double target, int lo, int hi, int hint) const;
   void build_tree() const;
+  void refresh_tree(int column);
   void search(int node, int node_lo, int node_hi, double bound, double target, int lo,
               int hi, Best& best) const;
   void pull_up(int node) const;

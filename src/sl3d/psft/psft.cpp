@@ -282,8 +282,13 @@ const std::uint8_t gray2binary[256] = {
 // ---------------------------------------------------------------------------
 // Sub-pixel fit
 
-bool set_disparity_least_mean_3(double& out, double* p, unsigned char* s, int i, double x,
-                                double target) {
+namespace {
+
+// The fits themselves; the exported functions and the matcher share them
+// (the matcher calls these directly: an exported function is reached
+// through the library's symbol table and never inlined).
+inline bool least_mean_3(double& out, const double* p, const unsigned char* s, int i, double x,
+                         double target) {
   if (s[i - 1] >= 200 || s[i + 1] >= 200) {
     out = x - i;
     return true;
@@ -297,8 +302,8 @@ bool set_disparity_least_mean_3(double& out, double* p, unsigned char* s, int i,
   return true;
 }
 
-bool set_disparity_least_mean_5(double& out, double* p, unsigned char* s, int i, double x,
-                                double target) {
+inline bool least_mean_5(double& out, const double* p, const unsigned char* s, int i, double x,
+                         double target) {
   if (s[i - 2] >= 200 || s[i - 1] >= 200 || s[i + 1] >= 200 || s[i + 2] >= 200) {
     out = x - i;
     return true;
@@ -310,6 +315,18 @@ bool set_disparity_least_mean_5(double& out, double* p, unsigned char* s, int i,
   const double sub = (target - (m - i * h)) / h;
   out = x - sub;
   return true;
+}
+
+}  // namespace
+
+bool set_disparity_least_mean_3(double& out, double* p, unsigned char* s, int i, double x,
+                                double target) {
+  return least_mean_3(out, p, s, i, x, target);
+}
+
+bool set_disparity_least_mean_5(double& out, double* p, unsigned char* s, int i, double x,
+                                double target) {
+  return least_mean_5(out, p, s, i, x, target);
 }
 
 // ---------------------------------------------------------------------------
@@ -624,9 +641,9 @@ void PhaseShift::match_rows(int y0, int y1, sl3d::detail::PhaseRowMatcher& match
       if (best - half < 0 || best + half >= width) {
         D[x] = x - best;
       } else if (half == 2) {
-        fitted = set_disparity_least_mean_5(D[x], P1, S1, best, x, P0[x]);
+        fitted = least_mean_5(D[x], P1, S1, best, x, P0[x]);
       } else {
-        fitted = set_disparity_least_mean_3(D[x], P1, S1, best, x, P0[x]);
+        fitted = least_mean_3(D[x], P1, S1, best, x, P0[x]);
       }
       ++S1[best];
       matcher.refresh(best);

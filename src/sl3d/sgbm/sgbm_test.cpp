@@ -194,14 +194,6 @@ TEST_F(RenderedPair, PaddedRowsGiveTheSameResultAsPackedOnes) {
   EXPECT_EQ(cv::countNonZero(padded->status_image() != packed->status_image()), 0);
 }
 
-TEST_F(RenderedPair, NoQMeansNoPoints) {
-  SgbmPtr gen = make(params_with(0, 64));
-  gen->setpict(left_->data, 0, 0, 0);
-  gen->setpict(right_->data, 0, 1, 0);
-  EXPECT_GT(gen->exec(), 0);
-  EXPECT_EQ(gen->genPC(0), 0);
-}
-
 TEST_F(RenderedPair, MatcherErrorsPropagateAndCrashingParametersAreRefused) {
   struct Refused {
     int min_disparity, num_disparities, block_size, mode;
