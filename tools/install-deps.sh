@@ -8,6 +8,7 @@ packages=(
   libopencv-dev libeigen3-dev
   libgtest-dev libbenchmark-dev
   python3-dev pybind11-dev python3-pybind11 python3-numpy python3-pytest
+  libdeflate-dev
 )
 
 missing=()

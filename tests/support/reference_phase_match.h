@@ -5,6 +5,7 @@
 // every candidate column of camera 1's row. Tests prove the library's
 // matcher equal to it; the benchmark measures how much faster the library is.
 
+#include <algorithm>
 #include <cmath>
 #include <vector>
 
@@ -41,10 +42,11 @@ inline void reference_match(const PhaseShiftParams& prm, MatchState& st) {
   const int width = static_cast<int>(st.p0.cols());
   for (int y = 0; y < st.p0.rows(); ++y) {
     for (int x = 0; x < width; ++x) {
-      int lo = 0;
-      if (x + prm.min_disparity > 0) lo = static_cast<int>(x + prm.min_disparity);
-      int hi = width;
-      if (width > x + prm.max_disparity) hi = static_cast<int>(x + prm.max_disparity);
+      // The window [x + min, x + max), truncated, clipped to [0, width].
+      const double lo_exact = std::min<double>(x + prm.min_disparity, width);
+      const double hi_exact = std::max<double>(x + prm.max_disparity, 0.0);
+      const int lo = lo_exact > 0 ? static_cast<int>(lo_exact) : 0;
+      const int hi = width > hi_exact ? static_cast<int>(hi_exact) : width;
       unsigned char& s0 = st.s0(y, x);
       if (lo >= hi) {
         s0 = 205;

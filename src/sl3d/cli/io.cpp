@@ -1,19 +1,27 @@
 #include "io.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <cstdint>
+#include <exception>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <mutex>
+#include <system_error>
+#include <thread>
 
 #include <opencv2/imgcodecs.hpp>
 
 #include "errors.h"
+#include "png_reader.h"
 
 namespace fs = std::filesystem;
 
@@ -23,7 +31,7 @@ namespace {
 
 // libpng reports a damaged file on stderr before OpenCV returns an empty
 // image; the tool states the problem itself, in one line, so decoding runs
-// with stderr pointed at /dev/null. The tool is single-threaded here.
+// with stderr pointed at /dev/null (one such decode at a time).
 class StderrSilenced {
  public:
   StderrSilenced() {
@@ -48,16 +56,49 @@ class StderrSilenced {
 
 std::string errno_text() { return std::strerror(errno); }
 
-std::vector<unsigned char> read_file_bytes(const std::string& path) {
+// Large blocks are asked for in transparent huge pages: a scan's frames are
+// tens of megabytes, written once, and each 4 KiB page would cost a fault.
+void advise_huge_pages(void* data, std::size_t bytes) {
+#ifdef MADV_HUGEPAGE
+  constexpr std::uintptr_t kHuge = std::uintptr_t{2} << 20;
+  const auto begin = (reinterpret_cast<std::uintptr_t>(data) + kHuge - 1) & ~(kHuge - 1);
+  const auto end = (reinterpret_cast<std::uintptr_t>(data) + bytes) & ~(kHuge - 1);
+  if (end > begin) ::madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+#else
+  (void)data;
+  (void)bytes;
+#endif
+}
+
+// The whole file in one read: its size is known, so the buffer is sized
+// once (and reused by callers that read many files).
+void read_file_bytes(const std::string& path, std::vector<unsigned char>& bytes) {
   std::error_code ec;
   const fs::file_status status = fs::status(path, ec);
   if (!fs::exists(status)) throw file_error(path, "no such file");
   if (!fs::is_regular_file(status)) throw file_error(path, "not a regular file");
-  std::ifstream in(path, std::ios::binary);
-  if (!in) throw file_error(path, "cannot open for reading");
-  std::vector<unsigned char> bytes((std::istreambuf_iterator<char>(in)),
-                                   std::istreambuf_iterator<char>());
-  if (in.bad()) throw file_error(path, "read error");
+  std::FILE* f = std::fopen(path.c_str(), "rb");
+  if (f == nullptr) throw file_error(path, "cannot open for reading");
+  bytes.clear();
+  const std::uintmax_t size = fs::file_size(path, ec);
+  if (!ec) bytes.resize(static_cast<std::size_t>(size));
+  std::size_t got = bytes.empty() ? 0 : std::fread(bytes.data(), 1, bytes.size(), f);
+  bytes.resize(got);
+  // Whatever the size said, read on to the end (a file still growing, or a
+  // size the file system does not know).
+  for (unsigned char chunk[65536];;) {
+    const std::size_t n = std::fread(chunk, 1, sizeof chunk, f);
+    if (n == 0) break;
+    bytes.insert(bytes.end(), chunk, chunk + n);
+  }
+  const bool failed = std::ferror(f) != 0;
+  std::fclose(f);
+  if (failed) throw file_error(path, "read error");
+}
+
+std::vector<unsigned char> read_file_bytes(const std::string& path) {
+  std::vector<unsigned char> bytes;
+  read_file_bytes(path, bytes);
   return bytes;
 }
 
@@ -67,6 +108,9 @@ bool has_png_signature(const std::vector<unsigned char>& bytes) {
 }
 
 cv::Mat decode_png_quietly(const std::vector<unsigned char>& bytes) {
+  // stderr is the process's: one silenced decode at a time.
+  static std::mutex silenced;
+  const std::lock_guard<std::mutex> lock(silenced);
   StderrSilenced quiet;
   try {
     return cv::imdecode(bytes, cv::IMREAD_UNCHANGED);
@@ -88,18 +132,77 @@ std::string directory_of(const std::string& path) {
   return dir.empty() ? std::string(".") : dir.string();
 }
 
-}  // namespace
-
-cv::Mat read_grey_png(const std::string& path) {
-  const std::vector<unsigned char> bytes = read_file_bytes(path);
+// Reads and decodes one capture into `image` with the caller's scratch
+// memory: the tool's own decoder for plain 8-bit grey files, OpenCV's for
+// every other file, which also gives the verdict on damaged ones.
+void read_grey_png_into(const std::string& path, GreyPngDecoder& decoder,
+                        std::vector<unsigned char>& bytes, cv::Mat& image) {
+  read_file_bytes(path, bytes);
   if (!has_png_signature(bytes)) throw file_error(path, "not a PNG file");
-  const cv::Mat image = decode_png_quietly(bytes);
+  if (decoder.decode(bytes.data(), bytes.size(), image)) return;
+  image = decode_png_quietly(bytes);
   if (image.empty()) throw file_error(path, "corrupt or truncated PNG");
   if (image.type() != CV_8UC1) {
     throw file_error(path, "is " + describe_pixel_type(image) +
                                "; captures must be 8-bit single-channel grey PNGs");
   }
+}
+
+}  // namespace
+
+cv::Mat read_grey_png(const std::string& path) {
+  GreyPngDecoder decoder;
+  std::vector<unsigned char> bytes;
+  cv::Mat image;
+  read_grey_png_into(path, decoder, bytes, image);
   return image;
+}
+
+std::vector<cv::Mat> read_grey_pngs(const std::vector<std::string>& paths, int threads,
+                                    std::vector<std::exception_ptr>& errors) {
+  std::vector<cv::Mat> images(paths.size());
+  errors.assign(paths.size(), nullptr);
+  if (paths.empty()) return images;
+  GreyPngDecoder first_decoder;
+  std::vector<unsigned char> first_bytes;
+  try {
+    read_grey_png_into(paths[0], first_decoder, first_bytes, images[0]);
+  } catch (...) {
+    errors[0] = std::current_exception();
+  }
+  // The other images are expected at the first one's size: decoded in place
+  // into one block, whose fresh memory is asked for in huge pages.
+  if (!images[0].empty() && paths.size() > 1) {
+    const int rows = images[0].rows;
+    cv::Mat block(rows * static_cast<int>(paths.size() - 1), images[0].cols, CV_8UC1);
+    advise_huge_pages(block.data, block.total());
+    for (std::size_t i = 1; i < paths.size(); ++i) {
+      images[i] = block.rowRange(rows * static_cast<int>(i - 1), rows * static_cast<int>(i));
+    }
+  }
+  std::atomic<std::size_t> next{1};
+  const auto work = [&] {
+    GreyPngDecoder decoder;
+    std::vector<unsigned char> bytes;
+    for (std::size_t i = next++; i < paths.size(); i = next++) {
+      try {
+        read_grey_png_into(paths[i], decoder, bytes, images[i]);
+      } catch (...) {
+        errors[i] = std::current_exception();
+      }
+    }
+  };
+  std::vector<std::thread> workers;
+  for (int t = 1; t < threads && static_cast<std::size_t>(t) < paths.size() - 1; ++t) {
+    try {
+      workers.emplace_back(work);
+    } catch (const std::system_error&) {
+      break;  // the calling thread does the rest
+    }
+  }
+  work();
+  for (std::thread& worker : workers) worker.join();
+  return images;
 }
 
 cv::FileStorage open_yaml(const std::string& path) {

@@ -7,6 +7,7 @@
 // leaves no partial file behind.
 
 #include <array>
+#include <exception>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,13 @@ namespace sl3d {
 
 // An 8-bit single-channel PNG. Colour, 16-bit and corrupt files are refused.
 cv::Mat read_grey_png(const std::string& path);
+
+// The same for many files, decoded on up to `threads` threads. Images of the
+// first file's size share one block of memory. Nothing is thrown: errors[i]
+// holds what reading paths[i] threw (the image is then empty), so that the
+// caller can report problems in the order of the paths.
+std::vector<cv::Mat> read_grey_pngs(const std::vector<std::string>& paths, int threads,
+                                    std::vector<std::exception_ptr>& errors);
 
 // Opens a YAML file for reading. Files without OpenCV's "%YAML" first line
 // are accepted too, as hand-written YAML usually lacks it.

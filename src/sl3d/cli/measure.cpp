@@ -82,8 +82,9 @@ void load_calibration(iPointCloudGenerator& gen, const std::string& dir, cv::Siz
 }
 
 // Frames go in index order per camera: black (0) must precede the Gray-code
-// frames, which are stored minus black. Raw frames are rectified in a copy
-// first; returns the time spent rectifying.
+// frames, which are stored minus black. Raw frames are rectified first, in
+// place when the capture is consumable, else in a copy; returns the time
+// spent rectifying.
 double hand_in(iPointCloudGenerator& gen, const Capture& capture, bool rectify) {
   double rectify_ms = 0.0;
   for (int camera = 0; camera < 2; ++camera) {
@@ -92,7 +93,7 @@ double hand_in(iPointCloudGenerator& gen, const Capture& capture, bool rectify) 
       cv::Mat frame = frames[index];
       if (rectify) {
         const Stopwatch watch;
-        frame = frame.clone();
+        if (!capture.consumable) frame = frame.clone();
         gen.rectify(frame.data, frame.cols, frame.rows, frame.step[0], camera);
         rectify_ms += watch.elapsed_ms();
       }
@@ -109,17 +110,33 @@ void clear_range_grid(iPointCloudGenerator& gen, cv::Size size) {
   std::fill(grid, grid + static_cast<std::size_t>(size.area()), -1);
 }
 
-void copy_results(const iPointCloudGenerator& gen, int count, Measurement& m) {
-  const PointCloudElement* points = gen.get_pointcloud_ptr();
-  m.points.assign(points, points + count);
-  const int* grid = gen.get_rangegrid();
-  m.range_grid.assign(grid, grid + static_cast<std::size_t>(m.width) * m.height);
-  for (int& index : m.range_grid) {
-    if (index >= count) index = -1;
+// The points and grid of one genPC: views of the generator's buffers when
+// no later mode overwrites them (the measurement then owns the generator),
+// else copies.
+void keep_results(const std::shared_ptr<iPointCloudGenerator>& gen, int count, bool last,
+                  Measurement& m) {
+  const PointCloudElement* points = gen->get_pointcloud_ptr();
+  const int* grid = gen->get_rangegrid();
+  const std::size_t cells = static_cast<std::size_t>(m.width) * m.height;
+  if (last) {
+    m.points = ArrayView<PointCloudElement>(points, static_cast<std::size_t>(count));
+    m.range_grid = ArrayView<int>(grid, cells);
+    m.storage = gen;
+    return;
   }
+  struct Copy {
+    std::vector<PointCloudElement> points;
+    std::vector<int> grid;
+  };
+  auto copy = std::make_shared<Copy>();
+  copy->points.assign(points, points + count);
+  copy->grid.assign(grid, grid + cells);
+  m.points = ArrayView<PointCloudElement>(copy->points.data(), copy->points.size());
+  m.range_grid = ArrayView<int>(copy->grid.data(), copy->grid.size());
+  m.storage = copy;
 }
 
-std::uintmax_t range_grid_bytes(const std::vector<int>& grid) {
+std::uintmax_t range_grid_bytes(const ArrayView<int>& grid) {
   std::uintmax_t bytes = 0;
   for (int index : grid) bytes += index < 0 ? 1 : 5;  // list length, then the index
   return bytes;
@@ -183,15 +200,19 @@ std::vector<Measurement> measure(Method method, const Capture& capture, const Ca
   gen->exec();
   common.exec_ms = exec.elapsed_ms();
 
+  // Every earlier genPC's grid cells are cleared before the next mode, which
+  // (modes 1 and 2) would otherwise keep them where it gives no point; the
+  // grid of a fresh generator is empty already.
+  const std::shared_ptr<iPointCloudGenerator> shared(std::move(gen));
   std::vector<Measurement> results;
-  for (int mode : setup.modes) {
+  for (std::size_t k = 0; k < setup.modes.size(); ++k) {
     Measurement m = common;
-    m.mode = mode;
-    clear_range_grid(*gen, size);
+    m.mode = setup.modes[k];
+    if (k > 0) clear_range_grid(*shared, size);
     const Stopwatch genpc;
-    const int count = gen->genPC(mode);
+    const int count = shared->genPC(m.mode);
     m.genpc_ms = genpc.elapsed_ms();
-    copy_results(*gen, count, m);
+    keep_results(shared, count, k + 1 == setup.modes.size(), m);
     results.push_back(std::move(m));
   }
   return results;

@@ -6,6 +6,7 @@
 
 #include <array>
 #include <chrono>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -24,7 +25,28 @@ constexpr int kPhaseShiftFrames = 13;
 // one size.
 struct Capture {
   std::vector<cv::Mat> frames[2];
+  // True when the frames are this capture's own, to be measured once: raw
+  // frames are then rectified in place instead of in copies.
+  bool consumable = false;
   cv::Size size() const { return frames[0].empty() ? cv::Size() : frames[0][0].size(); }
+};
+
+// A read-only array: points or range grid of a measurement.
+template <typename T>
+class ArrayView {
+ public:
+  ArrayView() = default;
+  ArrayView(const T* data, std::size_t size) : data_(data), size_(size) {}
+  const T* data() const { return data_; }
+  std::size_t size() const { return size_; }
+  bool empty() const { return size_ == 0; }
+  const T& operator[](std::size_t i) const { return data_[i]; }
+  const T* begin() const { return data_; }
+  const T* end() const { return data_ + size_; }
+
+ private:
+  const T* data_ = nullptr;
+  std::size_t size_ = 0;
 };
 
 // Where the generator's geometry comes from: a Q matrix for rectified
@@ -40,8 +62,11 @@ struct Measurement {
   int width = 0;
   int height = 0;
   int mode = 0;
-  std::vector<PointCloudElement> points;
-  std::vector<int> range_grid;  // per pixel, row-major: point index or -1
+  // The generator's own buffers for the last mode measured (no copy), a
+  // copy for earlier modes; `storage` keeps either alive.
+  ArrayView<PointCloudElement> points;
+  ArrayView<int> range_grid;  // per pixel, row-major: point index or -1
+  std::shared_ptr<const void> storage;
   double calib_ms = 0.0;        // loading the calibration directory
   double rectify_ms = 0.0;
   double intake_ms = 0.0;       // init, Q, parameters, images

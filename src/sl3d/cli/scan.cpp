@@ -4,6 +4,8 @@
 #include <filesystem>
 #include <regex>
 
+#include <sl3d/pointcloud/threads.h>
+
 #include "commands.h"
 #include "args.h"
 #include "calib.h"
@@ -31,6 +33,7 @@ struct ScanRequest {
   std::string ply_file;
   ScanExports exports;      // preview and float images, when asked for
   std::string params_file;  // empty: defaults
+  int threads = 0;          // 0: every hardware thread
 };
 
 ScanRequest parse_scan_args(const std::vector<std::string>& args) {
@@ -40,7 +43,8 @@ ScanRequest parse_scan_args(const std::vector<std::string>& args) {
                                     {"--calib", true},
                                     {"--mode", true},
                                     {"--output", true, "-o"},
-                                    {"--params", true}};
+                                    {"--params", true},
+                                    {"--threads", true}};
   for (const OptionDef& option : scan_export_options()) options.push_back(option);
   const ParsedArgs parsed = parse_options(kCommand, args, options);
   ScanRequest request;
@@ -62,6 +66,7 @@ ScanRequest parse_scan_args(const std::vector<std::string>& args) {
   request.ply_file = parsed.require("--output");
   request.exports = parse_scan_exports(kCommand, parsed, request.ply_file);
   request.params_file = parsed.get("--params", "");
+  request.threads = parsed.get_int("--threads", 0, 0, 1024);
   if (parsed.has("--params") && request.params_file.empty()) {
     throw usage_error(kCommand, "--params needs a non-empty value");
   }
@@ -104,26 +109,30 @@ void check_multiple_of_8(const cv::Mat& image, const std::string& path) {
                              ": phaseshift needs width and height that are multiples of 8");
 }
 
-Capture load_capture(Method method, const std::string& dir) {
+// All frames are read first (on `threads` threads), then checked in file
+// order, so the problem reported is the first one a file-by-file read would
+// meet.
+Capture load_capture(Method method, const std::string& dir, int threads) {
   check_input_directory(dir);
   if (method == Method::kPhaseShift) refuse_extra_frames(dir);
   const int frames = method == Method::kPhaseShift ? kPhaseShiftFrames : 1;
-  Capture capture;
-  std::string first_path;
+  std::vector<std::string> paths;
   for (int camera = 0; camera < 2; ++camera) {
     for (int index = 0; index < frames; ++index) {
       const std::string name =
           method == Method::kPhaseShift ? frame_name(camera, index) : textured_name(camera);
-      const std::string path = (fs::path(dir) / name).string();
-      cv::Mat image = read_grey_png(path);
-      if (first_path.empty()) {
-        first_path = path;
-        if (method == Method::kPhaseShift) check_multiple_of_8(image, path);
-      }
-      check_same_size(image, path, capture.frames[0].empty() ? image : capture.frames[0][0],
-                      first_path);
-      capture.frames[camera].push_back(image);
+      paths.push_back((fs::path(dir) / name).string());
     }
+  }
+  std::vector<std::exception_ptr> errors;
+  const std::vector<cv::Mat> images = read_grey_pngs(paths, threads, errors);
+  Capture capture;
+  capture.consumable = true;
+  for (std::size_t i = 0; i < paths.size(); ++i) {
+    if (errors[i]) std::rethrow_exception(errors[i]);
+    if (i == 0 && method == Method::kPhaseShift) check_multiple_of_8(images[0], paths[0]);
+    check_same_size(images[i], paths[i], images[0], paths[0]);
+    capture.frames[i / frames].push_back(images[i]);
   }
   return capture;
 }
@@ -178,8 +187,11 @@ int run_scan(const std::vector<std::string>& args) {
   if (!request.params_file.empty()) load_params_file(request.params_file, request.method, params);
   const CameraSetup setup = camera_setup(request);
 
+  // The library starts no threads unless told; the tool, measuring once and
+  // exiting, uses every core unless --threads says otherwise.
+  set_num_threads(request.threads);
   Stopwatch read;
-  const Capture capture = load_capture(request.method, request.images_dir);
+  const Capture capture = load_capture(request.method, request.images_dir, num_threads());
   const double read_ms = read.elapsed_ms();
   if (!setup.calib_dir.empty()) {
     check_calibration_size(setup.calib_dir, capture, request.images_dir);

@@ -35,9 +35,10 @@ const char kGeneral[] =
 
 const char kScanHead[] =
     "usage: sl3d scan --method phaseshift|sgbm --images DIR --q FILE -o OUT.ply\n"
-    "                 [EXPORTS] [--params FILE]\n"
+    "                 [EXPORTS] [--params FILE] [--threads N]\n"
     "       sl3d scan --method phaseshift|sgbm --images DIR --calib DIR\n"
     "                 [--mode 0|1|2] -o OUT.ply [EXPORTS] [--params FILE]\n"
+    "                 [--threads N]\n"
     "EXPORTS: [--depth-png FILE [--depth-range MIN:MAX]] [--depth-tiff FILE]\n"
     "         [--xyz-tiff FILE]\n"
     "\n"
@@ -73,6 +74,9 @@ const char kScanHead[] =
     "                     pixel (cv::imread/cv2.imread with IMREAD_UNCHANGED give\n"
     "                     channels x, y, z; OpenCV stores them in RGB order, so\n"
     "                     other TIFF readers see z, y, x), NaN where no point\n"
+    "  --threads N        threads for reading the PNGs and measuring (default 0:\n"
+    "                     all cores; 1 keeps everything on one); the result\n"
+    "                     is the same for every N\n"
     "  --params FILE      YAML file overriding method parameters by field name;\n"
     "                     keys left out keep their defaults. Keys:\n";
 

@@ -1,6 +1,7 @@
 #include <sl3d/pointcloud/PointCloudGenerator.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -11,46 +12,44 @@
 #include <opencv2/core.hpp>
 
 #include <sl3d/camera/stereo_camera.h>
-#include <sl3d/psft/psft.h>
-#include <sl3d/sgbm/sgbm.h>
+#include <sl3d/pointcloud/threads.h>
+#include <sl3d/pointcloud/triangulation.h>
 
-extern "C" iPointCloudGenerator* createPointCloudGenerator(int kind) {
-  PointCloudGenerator* gen = nullptr;
-  if (kind == 1) {
-    gen = new (std::nothrow) SGBMaching();
-  } else {
-    gen = new (std::nothrow) PhaseShift();
-  }
-  if (gen != nullptr) gen->verbose = 1;
-  return gen;
-}
+PointCloudGenerator::PointCloudGenerator() = default;
 
 PointCloudGenerator::~PointCloudGenerator() { dispose(); }
 
 void PointCloudGenerator::dispose() {
-  delete stereo_camera_;
-  stereo_camera_ = nullptr;
+  stereo_camera_.reset();
   q_.reset();
-  disparities_.reset();
+  disparities_ = sl3d::detail::ZeroedBuffer();
   disparity_count_ = 0;
-  range_grid_.reset();
-  points_.reset();
+  range_grid_ = sl3d::detail::ZeroedBuffer();
+  points_ = sl3d::detail::ZeroedBuffer();
   point_count_ = 0;
 }
 
+int PointCloudGenerator::checked_pixel_count(int width, int height) {
+  const long long pixels = static_cast<long long>(width) * height;
+  if (width < 0 || height < 0 || pixels > INT_MAX) throw std::bad_array_new_length();
+  return static_cast<int>(pixels);
+}
+
 bool PointCloudGenerator::init(int width, int height) {
+  const int pixels = checked_pixel_count(width, height);
   dispose();
   width_ = width;
   height_ = height;
-  // The pixel count is a 32-bit product, as the buffers' element counts are.
-  pixel_count_ = static_cast<int>(static_cast<unsigned>(width) * static_cast<unsigned>(height));
-  const long n = pixel_count_;
-  points_.reset(new (std::nothrow) PointCloudElement[n]);
-  if (!points_) return false;
-  range_grid_.reset(new (std::nothrow) int[n]);
-  if (!range_grid_) return false;
-  disparities_.reset(new (std::nothrow) double[4 * n]);
-  return static_cast<bool>(disparities_);
+  pixel_count_ = pixels;
+  const std::size_t n = static_cast<std::size_t>(pixels);
+  using sl3d::detail::ZeroedBuffer;
+  points_ = ZeroedBuffer::allocate(n * sizeof(PointCloudElement));
+  if (points_.empty() && n > 0) return false;
+  range_grid_ = ZeroedBuffer::allocate(n * sizeof(int));
+  if (range_grid_.empty() && n > 0) return false;
+  std::fill_n(get_rangegrid(), n, -1);
+  disparities_ = ZeroedBuffer::allocate(n * 4 * sizeof(double));
+  return !disparities_.empty() || n == 0;
 }
 
 bool PointCloudGenerator::set_camera_params(const double* q) {
@@ -67,8 +66,10 @@ bool PointCloudGenerator::set_camera_params(const char* dir) {
   const cv::Size size(width_, height_);
   const cv::Scalar no_fill(0, 0, 0, 0);
   if (verbose) std::printf("Trying create stereo camera from Hmat...\n");
-  replace_stereo_camera(create_StereoCamera_from_Hmats(base + "/hmat0.dat", base + "/hmat1.dat",
-                                                       base + "/rect.param", size, no_fill, no_fill));
+  // The result of a load replaces the stereo model, a failed load (null)
+  // included; the earlier model is released rather than leaked.
+  stereo_camera_.reset(create_StereoCamera_from_Hmats(base + "/hmat0.dat", base + "/hmat1.dat",
+                                                      base + "/rect.param", size, no_fill, no_fill));
   if (stereo_camera_ != nullptr) {
     if (verbose) std::printf(">> Success.\n");
     return take_q_from_stereo_camera();
@@ -76,20 +77,13 @@ bool PointCloudGenerator::set_camera_params(const char* dir) {
   if (verbose) std::printf(">> Failure\n");
   if (verbose) std::printf("Trying create stereo camera from yaml...\n");
   const std::vector<std::string> files = {base + "/cam0_param.yaml", base + "/cam1_param.yaml"};
-  replace_stereo_camera(create_StereoCamera(files, size, -1.0, 0, no_fill, no_fill));
+  stereo_camera_.reset(create_StereoCamera(files, size, -1.0, 0, no_fill, no_fill));
   if (stereo_camera_ != nullptr) {
     if (verbose) std::printf(">> Success.\n");
     return take_q_from_stereo_camera();
   }
   if (verbose) std::printf(">> Failure\n");
   return false;
-}
-
-// The result of a load replaces the stereo model, a failed load (null)
-// included; the earlier model is released rather than leaked.
-void PointCloudGenerator::replace_stereo_camera(StereoCamera* camera) {
-  delete stereo_camera_;
-  stereo_camera_ = camera;
 }
 
 // A stereo model whose Q is not 4x4 (a YAML form without "Q") cannot give
@@ -113,11 +107,21 @@ void PointCloudGenerator::rectify(unsigned char* img, int width, int height, uns
   stereo_camera_->cameras[camera].remap(raw, rectified);
   // The rectified image must be exactly the generator's size; it overwrites
   // the top-left corner of the caller's buffer, the rest keeps the raw data.
-  CV_Assert(rectified.rows == height_ && rectified.cols == width_ && rectified.type() == CV_8UC1);
+  if (rectified.rows != height_ || rectified.cols != width_ || rectified.type() != CV_8UC1) {
+    CV_Error(cv::Error::StsBadSize,
+             cv::format("rectify: camera %d's maps give a %dx%d image of type %d; the generator "
+                        "was initialised for %dx%d 8-bit images",
+                        camera, rectified.cols, rectified.rows, rectified.type(), width_, height_));
+  }
+  if (width_ > width || height_ > height) {
+    CV_Error(cv::Error::StsBadSize,
+             cv::format("rectify: a %dx%d buffer cannot hold the generator's %dx%d image", width,
+                        height, width_, height_));
+  }
   rectified.copyTo(raw(cv::Rect(0, 0, width_, height_)));
 }
 
-int PointCloudGenerator::generate_pointcloud(int mode, const ByteImage& texture) {
+int PointCloudGenerator::generate_pointcloud(int mode, const std::uint8_t* texture) {
   if (stereo_camera_ == nullptr) {
     if (verbose) {
       if (mode != 0) std::printf("Stereo Camera not found. then use Q matrix.\n");
@@ -140,69 +144,169 @@ int PointCloudGenerator::generate_pointcloud(int mode, const ByteImage& texture)
   }
 }
 
-void PointCloudGenerator::emit_point(double x, double y, double px, double py, double pz,
-                                     const std::uint8_t* texture) {
-  PointCloudElement& p = points_[point_count_];
-  p.x = static_cast<float>(px);
-  p.y = static_cast<float>(py);
-  p.z = static_cast<float>(pz);
-  const long pixel = static_cast<long>(y) * width_ + static_cast<long>(x);
-  p.red = p.green = p.blue = texture[pixel];
-  range_grid_[pixel] = point_count_;
-  ++point_count_;
+namespace {
+
+// Records are solved in runs of this many: small enough for the positions to
+// stay in the first-level cache, long enough for the solvers' loops.
+constexpr int kRun = 512;
+// Below this many records per thread the list is done on the calling thread.
+constexpr int kMinRecordsPerChunk = 1 << 16;
+
+long pixel_of(const double* rec, int width) {
+  return static_cast<long>(rec[1]) * width + static_cast<long>(rec[0]);
 }
+
+// What one chunk of the list produced: its points are stored from the
+// chunk's first record index on, and moved down to their final place once
+// the counts of all earlier chunks are known.
+struct ChunkResult {
+  int count = 0;
+  long first_pixel = -1;
+  long last_pixel = -1;
+  bool ascending = true;            // pixels strictly ascending in the chunk
+  std::vector<int> records_without_point;
+};
+
+}  // namespace
+
+// Each record (x, y, ...) gives at most one point, at pixel trunc(y) * width
+// + trunc(x), in list order; the range grid maps the pixel to it. With
+// several threads the list is cut into chunks of consecutive records. That
+// gives the sequential result whenever every pixel occurs once and in
+// ascending order, as in the lists the generators make; a list that is not
+// (only a derived class could make one) is redone on one thread, so that
+// the last record of a pixel wins as it would.
+template <typename Solve>
+int PointCloudGenerator::emit_points(const std::uint8_t* texture, const Solve& solve) {
+  const int n = disparity_count_;
+  const double* records = get_disparity_ptr();
+  PointCloudElement* points = get_pointcloud_ptr();
+  int* grid = get_rangegrid();
+  const int width = width_;
+  const auto run_chunk = [&](int begin, int end, ChunkResult& result) {
+    double X[kRun], Y[kRun], Z[kRun], ok[kRun];
+    const sl3d::detail::PositionColumns out{X, Y, Z, ok};
+    long previous = -1;
+    for (int run = begin; run < end; run += kRun) {
+      const int m = std::min(kRun, end - run);
+      solve(records + 4 * static_cast<std::size_t>(run), m, out);
+      for (int i = 0; i < m; ++i) {
+        const long pixel = pixel_of(records + 4 * static_cast<std::size_t>(run + i), width);
+        result.ascending = result.ascending && pixel > previous;
+        previous = pixel;
+        if (ok[i] == 0.0) {
+          result.records_without_point.push_back(run + i);
+          continue;
+        }
+        PointCloudElement& p = points[begin + result.count];
+        p.x = static_cast<float>(X[i]);
+        p.y = static_cast<float>(Y[i]);
+        p.z = static_cast<float>(Z[i]);
+        p.red = p.green = p.blue = texture[pixel];
+        grid[pixel] = begin + result.count;
+        ++result.count;
+      }
+    }
+    if (begin < end) {
+      result.first_pixel = pixel_of(records + 4 * static_cast<std::size_t>(begin), width);
+      result.last_pixel = previous;
+    }
+  };
+
+  const int chunks = sl3d::detail::chunks_for(n, kMinRecordsPerChunk);
+  std::vector<ChunkResult> results(static_cast<std::size_t>(chunks));
+  sl3d::detail::run_chunks(chunks, n, [&](int k, int begin, int end) {
+    run_chunk(begin, end, results[static_cast<std::size_t>(k)]);
+  });
+  bool in_raster_order = true;
+  for (int k = 0; k < chunks; ++k) {
+    const ChunkResult& r = results[static_cast<std::size_t>(k)];
+    in_raster_order = in_raster_order && r.ascending &&
+                      (k == 0 || r.first_pixel > results[static_cast<std::size_t>(k) - 1].last_pixel);
+  }
+  if (chunks > 1 && !in_raster_order) {
+    ChunkResult whole;
+    run_chunk(0, n, whole);
+    point_count_ = whole.count;
+    return point_count_;
+  }
+  // Move each chunk's points down behind the previous chunk's and renumber
+  // their grid cells; nothing moves unless an earlier record had no point.
+  int count = 0;
+  for (int k = 0; k < chunks; ++k) {
+    const ChunkResult& r = results[static_cast<std::size_t>(k)];
+    const int begin = static_cast<int>(static_cast<long long>(n) * k / chunks);
+    const int end = static_cast<int>(static_cast<long long>(n) * (k + 1) / chunks);
+    if (count != begin && r.count > 0) {
+      std::memmove(points + count, points + begin, sizeof(PointCloudElement) * r.count);
+      auto skipped = r.records_without_point.begin();
+      int index = count;
+      for (int j = begin; j < end; ++j) {
+        if (skipped != r.records_without_point.end() && *skipped == j) {
+          ++skipped;
+          continue;
+        }
+        grid[pixel_of(records + 4 * static_cast<std::size_t>(j), width)] = index++;
+      }
+    }
+    count += r.count;
+  }
+  point_count_ = count;
+  return point_count_;
+}
+
+namespace {
+
+// The first three values of m records as columns, for the solvers' loops.
+struct Columns {
+  double x[kRun], y[kRun], d[kRun];
+  sl3d::detail::RecordColumns gather(const double* records, int m) {
+    for (int i = 0; i < m; ++i) {
+      x[i] = records[4 * i];
+      y[i] = records[4 * i + 1];
+      d[i] = records[4 * i + 2];
+    }
+    return {x, y, d};
+  }
+};
+
+}  // namespace
 
 // Least squares over both projection matrices. Unlike the Q route, the
 // range grid is not reset: cells of records without a point keep what an
 // earlier generation wrote there.
-int PointCloudGenerator::generate_pointcloud_P(const ByteImage& texture) {
-  point_count_ = 0;
-  const double* rec = disparities_.get();
-  for (int j = 0; j < disparity_count_; ++j, rec += 4) {
-    bool ok = false;
-    const cv::Vec3d X = stereo_camera_->get3dposition_P(cv::Point2d(rec[0], rec[1]),
-                                                        cv::Point2d(rec[0] - rec[2], rec[1]), &ok);
-    if (ok) emit_point(rec[0], rec[1], X[0], X[1], X[2], texture.data());
-  }
-  return point_count_;
+int PointCloudGenerator::generate_pointcloud_P(const std::uint8_t* texture) {
+  const sl3d::detail::ProjectionGeometry geometry = sl3d::detail::projection_geometry(*stereo_camera_);
+  return emit_points(texture, [&](const double* rec, int m, const sl3d::detail::PositionColumns& out) {
+    Columns columns;
+    sl3d::detail::triangulate_least_squares(geometry, columns.gather(rec, m), m, out);
+  });
 }
 
 // Closest approach of the two sight rays; a record whose rays miss each
 // other by more than 1e-8 gives no point. The range grid is not reset.
-int PointCloudGenerator::generate_pointcloud_V(const ByteImage& texture) {
-  point_count_ = 0;
-  UndistortCamera& left = stereo_camera_->cameras[0];
-  UndistortCamera& right = stereo_camera_->cameras[1];
-  cv::Vec3d c0 = cv::Vec3d(left.get_center());
-  cv::Vec3d c1 = cv::Vec3d(right.get_center());
-  const double* rec = disparities_.get();
-  for (int j = 0; j < disparity_count_; ++j, rec += 4) {
-    const cv::Vec3d sv1(right.get_sight_vector(cv::Point2d(rec[0] - rec[2], rec[1])));
-    const cv::Vec3d sv0(left.get_sight_vector(cv::Point2d(rec[0], rec[1])));
-    double distance = 0.0;
-    const cv::Vec3d X = stereo_camera_->position_from_sv(sv0, sv1, distance, c0, c1);
-    if (!(distance > 1e-8)) emit_point(rec[0], rec[1], X[0], X[1], X[2], texture.data());
-  }
-  return point_count_;
+int PointCloudGenerator::generate_pointcloud_V(const std::uint8_t* texture) {
+  const sl3d::detail::RayGeometry geometry = sl3d::detail::ray_geometry(*stereo_camera_);
+  return emit_points(texture, [&](const double* rec, int m, const sl3d::detail::PositionColumns& out) {
+    Columns columns;
+    sl3d::detail::triangulate_rays(geometry, columns.gather(rec, m), m, out);
+  });
 }
 
-int PointCloudGenerator::generate_pointcloud_Q(const ByteImage& texture) {
+int PointCloudGenerator::generate_pointcloud_Q(const std::uint8_t* texture) {
   using RowMajor4 = Eigen::Matrix<double, 4, 4, Eigen::RowMajor>;
-  const int n = disparity_count_;
-  const Eigen::Map<const Eigen::Matrix<double, 4, Eigen::Dynamic>> records(disparities_.get(), 4, n);
   const RowMajor4 q = Eigen::Map<const RowMajor4>(q_.get());
-
-  std::memset(range_grid_.get(), 0xFF, sizeof(int) * static_cast<std::size_t>(pixel_count_));
-  point_count_ = 0;
-  const std::uint8_t* tex = texture.data();
-  // Q times the 4 x N record matrix, one column at a time as the points are
-  // emitted: no 4 x N temporary, which at full size would be as large as the
-  // disparity list itself.
-  for (int j = 0; j < n; ++j) {
-    const Eigen::Vector4d r = q * records.col(j);
-    if (r(3) == 0.0) continue;
-    const double inv = 1.0 / r(3);
-    emit_point(records(0, j), records(1, j), inv * r(0), inv * r(1), inv * r(2), tex);
-  }
-  return point_count_;
+  std::fill_n(get_rangegrid(), static_cast<std::size_t>(pixel_count_), -1);
+  // Q times each record (x, y, d, 1), divided by W: no 4 x N temporary, which
+  // at full size would be as large as the disparity list itself.
+  return emit_points(texture, [&](const double* rec, int m, const sl3d::detail::PositionColumns& out) {
+    for (int i = 0; i < m; ++i) {
+      const Eigen::Vector4d r = q * Eigen::Map<const Eigen::Vector4d>(rec + 4 * i);
+      out.ok[i] = r(3) != 0.0 ? 1.0 : 0.0;
+      const double inv = 1.0 / r(3);
+      out.X[i] = inv * r(0);
+      out.Y[i] = inv * r(1);
+      out.Z[i] = inv * r(2);
+    }
+  });
 }

@@ -22,8 +22,9 @@
 // valid until the next init(), genPC() or destroy().
 //
 // Threads: a generator is used from one thread; distinct generators share
-// nothing. The library starts no threads of its own (OpenCV's matcher may use
-// OpenCV's thread pool; cv::setNumThreads(1) keeps it on the caller's thread).
+// nothing. By default the library starts no threads of its own;
+// sl3d::set_num_threads (sl3d/pointcloud/threads.h) lets exec and genPC
+// split their work over several, with the same results.
 
 #include <cstdint>
 #include <memory>
@@ -32,6 +33,8 @@
 #include <Eigen/Core>
 
 #include <sl3d/export.h>
+#include <sl3d/pointcloud/buffers.h>
+#include <sl3d/pointcloud/ply.h>
 
 class StereoCamera;
 
@@ -56,7 +59,13 @@ class SL3D_EXPORT iPointCloudGenerator {
   virtual void destroy() = 0;
   // Allocates the point buffer, range grid and disparity list for
   // width x height images and releases any camera parameters held before.
-  // Returns false when an allocation fails (the object stays usable).
+  // Every buffer and plane that is allocated anew starts cleared (the range
+  // grid at -1), so a fresh generator's results do not depend on what the
+  // memory held before. Returns false when an allocation fails (the object
+  // stays usable and may be initialised again). A negative width or height,
+  // or a pixel count width*height beyond INT_MAX, has no representable byte
+  // count: init raises std::bad_array_new_length before any other effect,
+  // leaving the generator as it was.
   virtual bool init(int width, int height) = 0;
   // Loads the rectified stereo model from a calibration directory and takes
   // its Q matrix. Returns true when a stereo camera was built.
@@ -94,19 +103,6 @@ class SL3D_EXPORT iPointCloudGenerator {
 // value phase shift (PhaseShift). Returns null when memory is exhausted.
 extern "C" SL3D_EXPORT iPointCloudGenerator* createPointCloudGenerator(int kind);
 
-// Writes points, and with a non-null range grid also the grid
-// (num_cols x num_rows entries, 0xFFFFFFFF = no point), as a binary
-// little-endian PLY file.
-//
-// Returns 0 on success and also when the file cannot be opened (nothing is
-// written then); callers that need certainty check the file. With a range
-// grid but num_cols or num_rows 0 the file is left with only its first three
-// header lines and 0 is returned. A close failure returns EOF. Negative
-// counts write no vertex records.
-SL3D_EXPORT int writePLY(std::string filename, const PointCloudElement* points,
-                         int count, const unsigned int* range_grid,
-                         int num_cols, int num_rows);
-
 // The common base of both generators: owns the output buffers and turns a
 // disparity list into points. Derived generators fill the disparity list in
 // exec() and call generate_pointcloud() from genPC().
@@ -116,7 +112,7 @@ class SL3D_EXPORT PointCloudGenerator : public iPointCloudGenerator {
   using ByteImage =
       Eigen::Matrix<std::uint8_t, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>;
 
-  PointCloudGenerator() = default;
+  PointCloudGenerator();
   PointCloudGenerator(const PointCloudGenerator&) = delete;
   PointCloudGenerator& operator=(const PointCloudGenerator&) = delete;
 
@@ -126,16 +122,20 @@ class SL3D_EXPORT PointCloudGenerator : public iPointCloudGenerator {
   void rectify(unsigned char* img, int width, int height, unsigned long step,
                int camera) override;
   int get_pointcloud_cnt() const override { return point_count_; }
-  PointCloudElement* get_pointcloud_ptr() const override { return points_.get(); }
-  int* get_rangegrid() const override { return range_grid_.get(); }
+  PointCloudElement* get_pointcloud_ptr() const override {
+    return static_cast<PointCloudElement*>(points_.data());
+  }
+  int* get_rangegrid() const override { return static_cast<int*>(range_grid_.data()); }
 
   // Read-only views for callers and tests that want the intermediate result.
   int get_disparity_cnt() const { return disparity_count_; }
   // Records of four doubles: column, row, disparity, 1.0.
-  const double* get_disparity_ptr() const { return disparities_.get(); }
+  const double* get_disparity_ptr() const {
+    return static_cast<const double*>(disparities_.data());
+  }
   const double* get_q_matrix() const { return q_.get(); }
   // The stereo model loaded from a calibration directory, or null.
-  const StereoCamera* get_stereo_camera() const { return stereo_camera_; }
+  const StereoCamera* get_stereo_camera() const { return stereo_camera_.get(); }
   int width() const { return width_; }
   int height() const { return height_; }
 
@@ -148,48 +148,64 @@ class SL3D_EXPORT PointCloudGenerator : public iPointCloudGenerator {
 
   // Chooses the triangulation route for `mode` and returns the point count.
   // Without a stereo model only the Q route exists; without Q it yields 0.
-  int generate_pointcloud(int mode, const ByteImage& texture);
+  // `texture` is the height x width row-major 8-bit colour source.
+  int generate_pointcloud(int mode, const std::uint8_t* texture);
 
   // Q route: each record (x, y, d, 1) becomes Q * (x, y, d, 1)^T / W. Records
   // whose W is exactly 0 give no point. Resets the range grid to -1 first.
-  int generate_pointcloud_Q(const ByteImage& texture);
+  int generate_pointcloud_Q(const std::uint8_t* texture);
   // Stereo-model routes (a calibration directory was loaded): mode 2 by
-  // least squares over both projection matrices, mode 1 by the closest
-  // approach of the two sight rays. Neither resets the range grid.
-  int generate_pointcloud_P(const ByteImage& texture);
-  int generate_pointcloud_V(const ByteImage& texture);
+  // least squares over both projection matrices (as
+  // StereoCamera::get3dposition_P), mode 1 by the closest approach of the two
+  // sight rays (as get_sight_vector and StereoCamera::position_from_sv).
+  // Both run the per-point arithmetic in one loop over the list, with the
+  // cameras' matrices read once. Neither resets the range grid.
+  int generate_pointcloud_P(const std::uint8_t* texture);
+  int generate_pointcloud_V(const std::uint8_t* texture);
 
   // Appends one disparity record; the caller guarantees room (the list holds
   // width*height records).
   void append_disparity(double x, double y, double d) {
-    double* rec = disparities_.get() + 4 * static_cast<std::size_t>(disparity_count_);
+    write_disparity(disparity_count_, x, y, d);
+    ++disparity_count_;
+  }
+  // Writes record `index` without counting it; set_disparity_count then
+  // declares how many records the list holds. For generators that fill the
+  // list from several threads.
+  void write_disparity(int index, double x, double y, double d) {
+    double* rec = static_cast<double*>(disparities_.data()) + 4 * static_cast<std::size_t>(index);
     rec[0] = x;
     rec[1] = y;
     rec[2] = d;
     rec[3] = 1.0;
-    ++disparity_count_;
   }
+  void set_disparity_count(int count) { disparity_count_ = count; }
   void clear_disparities() { disparity_count_ = 0; }
 
   int pixel_count() const { return pixel_count_; }
 
+  // width * height for init; raises std::bad_array_new_length when either is
+  // negative or the product exceeds INT_MAX.
+  static int checked_pixel_count(int width, int height);
+
  private:
   // Releases stereo camera, Q, disparity list, range grid and points.
   void dispose();
-  void replace_stereo_camera(StereoCamera* camera);
   bool take_q_from_stereo_camera();
-  // Stores one point for the record at column x, row y.
-  void emit_point(double x, double y, double px, double py, double pz,
-                  const std::uint8_t* texture);
+  // Turns the disparity list into points with `solve`, which computes the
+  // positions of a run of records (see pointcloud.cpp); in row chunks over
+  // the library's threads when the list is in raster order.
+  template <typename Solve>
+  int emit_points(const std::uint8_t* texture, const Solve& solve);
 
   int point_count_ = 0;
-  std::unique_ptr<PointCloudElement[]> points_;
-  std::unique_ptr<int[]> range_grid_;
+  sl3d::detail::ZeroedBuffer points_;      // PointCloudElement per pixel
+  sl3d::detail::ZeroedBuffer range_grid_;  // int per pixel
   int disparity_count_ = 0;
-  std::unique_ptr<double[]> disparities_;
+  sl3d::detail::ZeroedBuffer disparities_;  // four doubles per pixel
   std::unique_ptr<double[]> q_;
-  // Rectified stereo model loaded from a calibration directory (owned).
-  StereoCamera* stereo_camera_ = nullptr;
+  // Rectified stereo model loaded from a calibration directory.
+  std::unique_ptr<StereoCamera> stereo_camera_;
   int width_ = 0;
   int height_ = 0;
   int pixel_count_ = 0;

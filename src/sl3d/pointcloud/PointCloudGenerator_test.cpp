@@ -17,8 +17,7 @@
 
 #include <sl3d/camera/stereo_camera.h>
 #include <sl3d/pointcloud/PointCloudGenerator.h>
-#include <sl3d/psft/psft.h>
-#include <sl3d/sgbm/sgbm.h>
+#include <sl3d/pointcloud/threads.h>
 #include <sl3d/sim/sim_calibration.h>
 
 namespace {
@@ -38,7 +37,7 @@ class ListGenerator : public PointCloudGenerator {
   void setparams(void*) override {}
   void setpict(unsigned char*, unsigned long, int, int) override {}
   int exec() override { return get_disparity_cnt(); }
-  int genPC(int mode) override { return generate_pointcloud(mode, texture); }
+  int genPC(int mode) override { return generate_pointcloud(mode, texture.data()); }
 
   void add(double x, double y, double d) { append_disparity(x, y, d); }
   void clear() { clear_disparities(); }
@@ -64,36 +63,6 @@ std::string printed_by_genpc(iPointCloudGenerator& gen, int mode, int* count) {
   testing::internal::CaptureStdout();
   *count = gen.genPC(mode);
   return testing::internal::GetCapturedStdout();
-}
-
-TEST(Factory, KindOneIsBlockMatchingEverythingElsePhaseShift) {
-  for (int kind : {1, 0, 2, -1}) {
-    std::unique_ptr<iPointCloudGenerator, Destroy> gen(createPointCloudGenerator(kind));
-    ASSERT_NE(gen, nullptr) << kind;
-    auto* base = dynamic_cast<PointCloudGenerator*>(gen.get());
-    ASSERT_NE(base, nullptr) << kind;
-    EXPECT_EQ(dynamic_cast<SGBMaching*>(gen.get()) != nullptr, kind == 1) << kind;
-    EXPECT_EQ(dynamic_cast<PhaseShift*>(gen.get()) != nullptr, kind != 1) << kind;
-    EXPECT_EQ(base->verbose, 1) << kind;
-
-    // Nothing is allocated before init.
-    EXPECT_EQ(gen->get_pointcloud_cnt(), 0);
-    EXPECT_EQ(gen->get_pointcloud_ptr(), nullptr);
-    EXPECT_EQ(gen->get_rangegrid(), nullptr);
-    EXPECT_EQ(base->get_disparity_cnt(), 0);
-    EXPECT_EQ(base->get_disparity_ptr(), nullptr);
-    EXPECT_EQ(base->get_q_matrix(), nullptr);
-    EXPECT_EQ(base->width(), 0);
-    EXPECT_EQ(base->height(), 0);
-
-    ASSERT_TRUE(gen->init(6, 4));
-    EXPECT_EQ(gen->get_pointcloud_cnt(), 0);
-    EXPECT_NE(gen->get_pointcloud_ptr(), nullptr);
-    EXPECT_NE(gen->get_rangegrid(), nullptr);
-    EXPECT_NE(base->get_disparity_ptr(), nullptr);
-    EXPECT_EQ(base->width(), 6);
-    EXPECT_EQ(base->height(), 4);
-  }
 }
 
 TEST(Calibration, InitDropsQAndGenPcThenReportsIt) {
@@ -226,36 +195,42 @@ TEST(QReprojection, IdentityAndProjectiveQ) {
   for (int i = 0; i < w * h; ++i) EXPECT_EQ(grid[i], -1) << i;
 }
 
-TEST(QReprojection, EveryPixelFitsAndAllModesAgree) {
-  // A record for each of the w*h pixels in reverse raster order: the buffers
-  // must hold them all and the grid must map each pixel to its point. The
-  // list is long enough that any batching of the product is crossed.
-  const int w = 50, h = 43;
-  auto gen = make_list_generator(w, h);
-  gen->verbose = 0;
-  const double q[16] = {0.5, 0, 0, 1, 0, 0.5, 0, -1, 0, 0, 0, 300, 0, 0, 0.1, 0};
-  gen->set_camera_params(q);
-  for (int i = w * h - 1; i >= 0; --i) gen->add(i % w, i / w, 1.0 + i);
-
-  std::vector<float> first;
-  for (int mode : {0, 1, 2, 3}) {
-    ASSERT_EQ(gen->genPC(mode), w * h) << mode;
-    const PointCloudElement* pts = gen->get_pointcloud_ptr();
-    const int* grid = gen->get_rangegrid();
-    std::vector<float> xyz;
-    for (int i = 0; i < w * h; ++i) {
-      ASSERT_EQ(grid[i], w * h - 1 - i) << mode;
-      const PointCloudElement& e = pts[grid[i]];
-      ASSERT_FLOAT_EQ(e.x, static_cast<float>((0.5 * (i % w) + 1) / (0.1 * (1.0 + i)))) << i;
-      ASSERT_FLOAT_EQ(e.z, static_cast<float>(300.0 / (0.1 * (1.0 + i)))) << i;
-      ASSERT_EQ(e.blue, static_cast<std::uint8_t>(7 * i + 3)) << i;
-      xyz.insert(xyz.end(), {e.x, e.y, e.z});
+TEST(QReprojection, EveryPixelFitsInListOrderOnAnyNumberOfThreads) {
+  // A full list (w*h records): every pixel but 0 and 1 in reverse raster
+  // order, then pixel 0 twice. The grid must map each pixel to its last
+  // point, whether the list is done on one thread or (the larger list)
+  // offered to several, which must then notice the order and give the
+  // sequential result.
+  struct Case {
+    int w, h, threads;
+  };
+  for (const Case c : {Case{50, 43, 1}, Case{512, 300, 2}}) {
+    const int w = c.w, h = c.h, n = w * h;
+    sl3d::set_num_threads(c.threads);
+    auto gen = make_list_generator(w, h);
+    gen->verbose = 0;
+    const double q[16] = {0.5, 0, 0, 1, 0, 0.5, 0, -1, 0, 0, 0, 300, 0, 0, 0.1, 0};
+    gen->set_camera_params(q);
+    for (int i = n - 1; i >= 2; --i) gen->add(i % w, i / w, 1.0 + i);
+    gen->add(0, 0, 2.0);
+    gen->add(0, 0, 1.0);
+    for (int mode : {0, 3}) {
+      ASSERT_EQ(gen->genPC(mode), n) << mode;
+      const PointCloudElement* pts = gen->get_pointcloud_ptr();
+      const int* grid = gen->get_rangegrid();
+      ASSERT_EQ(grid[0], n - 1);
+      ASSERT_EQ(grid[1], -1);
+      for (int i = 2; i < n; ++i) {
+        ASSERT_EQ(grid[i], n - 1 - i) << mode;
+        const PointCloudElement& e = pts[grid[i]];
+        ASSERT_FLOAT_EQ(e.x, static_cast<float>((0.5 * (i % w) + 1) / (0.1 * (1.0 + i)))) << i;
+        ASSERT_FLOAT_EQ(e.z, static_cast<float>(300.0 / (0.1 * (1.0 + i)))) << i;
+        ASSERT_EQ(e.blue, static_cast<std::uint8_t>(7 * i + 3)) << i;
+      }
     }
-    if (first.empty()) first = xyz;
-    EXPECT_EQ(xyz, first) << "mode " << mode << " differs from mode 0";
+    sl3d::set_num_threads(1);
   }
 }
-
 
 // ---------------------------------------------------------------------------
 // Calibration directories (the virtual sensor's true cameras)

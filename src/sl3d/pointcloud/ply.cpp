@@ -1,3 +1,5 @@
+#include <sl3d/pointcloud/ply.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -10,44 +12,61 @@ namespace {
 
 constexpr unsigned int kNoPoint = 0xFFFFFFFFu;
 
+// The body goes out through one buffer, written as it fills: one pass over
+// the points and one over the grid, no per-record calls into stdio.
+class BodyWriter {
+ public:
+  explicit BodyWriter(std::FILE* f) : f_(f), buf_(kSize) {}
+  ~BodyWriter() { flush(); }
+  BodyWriter(const BodyWriter&) = delete;
+  BodyWriter& operator=(const BodyWriter&) = delete;
+
+  // Room for `bytes` more at the returned position; commit() them after.
+  unsigned char* reserve(std::size_t bytes) {
+    if (used_ + bytes > buf_.size()) flush();
+    return buf_.data() + used_;
+  }
+  void commit(std::size_t bytes) { used_ += bytes; }
+  void flush() {
+    if (used_ > 0) std::fwrite(buf_.data(), 1, used_, f_);
+    used_ = 0;
+  }
+
+ private:
+  static constexpr std::size_t kSize = std::size_t{1} << 20;
+  std::FILE* f_;
+  std::vector<unsigned char> buf_;
+  std::size_t used_ = 0;
+};
+
 // Vertex records are 15 bytes: x, y, z as little-endian floats, then red,
 // green and blue. The padding byte of PointCloudElement is not written.
-void write_vertices(std::FILE* f, const PointCloudElement* points, int count) {
+void write_vertices(BodyWriter& out, const PointCloudElement* points, int count) {
   constexpr std::size_t kRecord = 15;
-  constexpr int kBatch = 4096;
-  std::vector<unsigned char> buf(kRecord * kBatch);
-  for (int start = 0; start < count; start += kBatch) {
-    const int n = std::min(kBatch, count - start);
-    unsigned char* out = buf.data();
-    for (int i = 0; i < n; ++i, out += kRecord) {
-      const PointCloudElement& p = points[start + i];
-      std::memcpy(out, &p.x, 12);
-      out[12] = p.red;
-      out[13] = p.green;
-      out[14] = p.blue;
-    }
-    std::fwrite(buf.data(), kRecord, static_cast<std::size_t>(n), f);
+  for (int i = 0; i < count; ++i) {
+    unsigned char* rec = out.reserve(kRecord);
+    const PointCloudElement& p = points[i];
+    std::memcpy(rec, &p.x, 12);
+    rec[12] = p.red;
+    rec[13] = p.green;
+    rec[14] = p.blue;
+    out.commit(kRecord);
   }
 }
 
 // Each grid entry is a PLY list: 0 (empty) or 1 followed by the point index.
-void write_range_grid(std::FILE* f, const unsigned int* grid, long cells) {
-  std::vector<unsigned char> buf;
-  buf.reserve(5 * 4096);
+void write_range_grid(BodyWriter& out, const unsigned int* grid, long cells) {
   for (long i = 0; i < cells; ++i) {
+    unsigned char* rec = out.reserve(5);
     if (grid[i] == kNoPoint) {
-      buf.push_back(0);
+      rec[0] = 0;
+      out.commit(1);
     } else {
-      unsigned char rec[5] = {1, 0, 0, 0, 0};
+      rec[0] = 1;
       std::memcpy(rec + 1, &grid[i], 4);
-      buf.insert(buf.end(), rec, rec + 5);
-    }
-    if (buf.size() >= 5 * 4096 - 5) {
-      std::fwrite(buf.data(), 1, buf.size(), f);
-      buf.clear();
+      out.commit(5);
     }
   }
-  std::fwrite(buf.data(), 1, buf.size(), f);
 }
 
 }  // namespace
@@ -78,9 +97,12 @@ int writePLY(std::string filename, const PointCloudElement* points, int count,
     std::fputs("property list uchar int vertex_indices\n", f);
   }
   std::fputs("end_header\n", f);
-  if (count > 0) write_vertices(f, points, count);
-  if (range_grid != nullptr) {
-    write_range_grid(f, range_grid, static_cast<long>(num_rows) * num_cols);
+  {
+    BodyWriter body(f);
+    if (count > 0) write_vertices(body, points, count);
+    if (range_grid != nullptr) {
+      write_range_grid(body, range_grid, static_cast<long>(num_rows) * num_cols);
+    }
   }
   return std::fclose(f);
 }

@@ -20,53 +20,78 @@ bool improves(double diff, int column, double best_diff, int best_column) {
 }
 }  // namespace
 
+void PhaseRowMatcher::reserve(int width) {
+  int leaves = 1;
+  while (leaves < width) leaves *= 2;
+  min_.reserve(2 * static_cast<std::size_t>(leaves));
+  max_.reserve(2 * static_cast<std::size_t>(leaves));
+  columns_.resize(static_cast<std::size_t>(width));
+  values_.resize(static_cast<std::size_t>(width));
+  run_end_.resize(static_cast<std::size_t>(width));
+  first_at_or_after_.resize(static_cast<std::size_t>(width) + 1);
+}
+
 void PhaseRowMatcher::reset(const double* phase, const std::uint8_t* status, int width,
                             int max_uses) {
   phase_ = phase;
   status_ = status;
   width_ = width;
   max_uses_ = max_uses;
+  tree_built_ = false;
+  build_runs();
+}
+
+// From the statuses as they are now: columns used up since reset are out.
+void PhaseRowMatcher::build_tree() const {
   leaves_ = 1;
-  while (leaves_ < width) leaves_ *= 2;
+  while (leaves_ < width_) leaves_ *= 2;
   min_.assign(2 * static_cast<std::size_t>(leaves_), kInf);
   max_.assign(2 * static_cast<std::size_t>(leaves_), -kInf);
-  for (int c = 0; c < width; ++c) {
-    if (usable(c)) min_[leaves_ + c] = max_[leaves_ + c] = phase[c];
+  for (int c = 0; c < width_; ++c) {
+    if (usable(c)) min_[leaves_ + c] = max_[leaves_ + c] = phase_[c];
   }
   for (int node = leaves_ - 1; node >= 1; --node) {
     pull_up(node);
   }
-  build_runs();
+  tree_built_ = true;
 }
 
 void PhaseRowMatcher::build_runs() {
-  columns_.clear();
-  values_.clear();
-  first_at_or_after_.resize(static_cast<std::size_t>(width_) + 1);
-  for (int c = 0; c < width_; ++c) {
-    first_at_or_after_[c] = static_cast<int>(columns_.size());
-    if (!usable(c)) continue;
-    columns_.push_back(c);
-    values_.push_back(phase_[c]);
+  const std::size_t width = static_cast<std::size_t>(width_);
+  if (columns_.size() < width) {  // rows wider than reserve() was told
+    columns_.resize(width);
+    values_.resize(width);
+    run_end_.resize(width);
   }
-  first_at_or_after_[width_] = static_cast<int>(columns_.size());
-  const int n = static_cast<int>(columns_.size());
-  run_end_.resize(n);
+  first_at_or_after_.resize(width + 1);
+  int* columns = columns_.data();
+  double* values = values_.data();
+  int* first = first_at_or_after_.data();
+  int n = 0;
+  for (int c = 0; c < width_; ++c) {
+    first[c] = n;
+    columns[n] = c;
+    values[n] = phase_[c];
+    n += usable(c) ? 1 : 0;
+  }
+  first[width_] = n;
+  count_ = n;
+  int* run_end = run_end_.data();
   for (int k = n - 1; k >= 0; --k) {
-    const bool rises_into_next = k + 1 < n && values_[k + 1] > values_[k];
-    run_end_[k] = rises_into_next ? run_end_[k + 1] : k + 1;
+    const bool rises_into_next = k + 1 < n && values[k + 1] > values[k];
+    run_end[k] = rises_into_next ? run_end[k + 1] : k + 1;
   }
 }
 
 // Phases are finite, so plain comparisons replace the NaN-aware fmin/fmax.
-void PhaseRowMatcher::pull_up(int node) {
+void PhaseRowMatcher::pull_up(int node) const {
   const double lmin = min_[2 * node], rmin = min_[2 * node + 1];
   const double lmax = max_[2 * node], rmax = max_[2 * node + 1];
   min_[node] = lmin < rmin ? lmin : rmin;
   max_[node] = lmax > rmax ? lmax : rmax;
 }
 
-void PhaseRowMatcher::refresh(int column) {
+void PhaseRowMatcher::refresh_tree(int column) {
   int node = leaves_ + column;
   const bool in_tree = min_[node] <= max_[node];
   if (in_tree == usable(column)) return;  // a use that left it usable
@@ -97,9 +122,16 @@ int PhaseRowMatcher::find(double target, int lo, int hi, int hint) const {
   const int hint_element = hint >= 0 && hint <= width_ ? first_at_or_after_[hint] : -1;
   Best best{kNoMatchDiff, -1};
   int runs = 0;
+  int searched = 0;
+  const double* v = values_.data();
   for (int k = first; k < last; k = run_end_[k]) {
-    if (++runs > kMaxRunsPerWindow) return tree_find(target, lo, hi, hint);
-    if (!search_run(k, std::min(run_end_[k], last), hint_element, target, best)) {
+    if (++runs > kMaxRunsPerWindow * 8) return tree_find(target, lo, hi, hint);
+    const int end = std::min(run_end_[k], last);
+    // Runs lie left to right, so a later run cannot win a tie: one whose
+    // phases cannot come closer than the best so far is skipped.
+    const double bound = target < v[k] ? v[k] - target : (target > v[end - 1] ? target - v[end - 1] : 0.0);
+    if (bound >= best.diff) continue;
+    if (++searched > kMaxRunsPerWindow || !search_run(k, end, hint_element, target, best)) {
       return tree_find(target, lo, hi, hint);
     }
   }
@@ -163,6 +195,7 @@ int PhaseRowMatcher::find_crossing(int begin, int end, int hint_element, double 
 }
 
 int PhaseRowMatcher::tree_find(double target, int lo, int hi, int hint) const {
+  if (!tree_built_) build_tree();
   Best best{kNoMatchDiff, -1};
   if (hint >= lo && hint < hi && usable(hint)) {
     const double diff = std::fabs(phase_[hint] - target);

@@ -30,9 +30,14 @@ namespace detail {
 // - A min/max tree of the usable phases, for windows that hold too many
 //   runs or too many used-up columns near the crossing (noisy or adversarial
 //   rows): a depth-first search that only enters subtrees which can still
-//   hold a closer phase, starting from the bound a hint column gives.
+//   hold a closer phase, starting from the bound a hint column gives. It is
+//   built the first time a row needs it; smooth rows never do.
 class PhaseRowMatcher {
  public:
+  // Sizes the storage for rows of up to `width` columns, so that reset and
+  // the queries allocate nothing.
+  void reserve(int width);
+
   // Takes the row (not copied; must outlive the queries). Columns whose
   // status is >= max_uses are never taken.
   void reset(const double* phase, const std::uint8_t* status, int width, int max_uses);
@@ -40,8 +45,11 @@ class PhaseRowMatcher {
   // Best column in [lo, hi) for `target`, or -1. `hint` may be any column.
   int find(double target, int lo, int hi, int hint) const;
 
-  // Re-reads the status of `column` after the caller changed it.
-  void refresh(int column);
+  // Re-reads the status of `column` after the caller changed it (only the
+  // tree, once built, remembers statuses).
+  void refresh(int column) {
+    if (tree_built_) refresh_tree(column);
+  }
 
  private:
   struct Best {
@@ -54,9 +62,11 @@ class PhaseRowMatcher {
   bool search_run(int begin, int end, int hint_element, double target, Best& best) const;
   int find_crossing(int begin, int end, int hint_element, double target) const;
   int tree_find(double target, int lo, int hi, int hint) const;
+  void build_tree() const;
+  void refresh_tree(int column);
   void search(int node, int node_lo, int node_hi, double bound, double target, int lo,
               int hi, Best& best) const;
-  void pull_up(int node);
+  void pull_up(int node) const;
   void build_runs();
   double lower_bound(int node, double target) const;
   bool usable(int column) const { return status_[column] < max_uses_; }
@@ -67,14 +77,19 @@ class PhaseRowMatcher {
   int max_uses_ = 0;
   // Columns usable at reset, ascending, with their phases; run_end_[k] is
   // one past the last element of k's run; first_at_or_after_[c] is the
-  // first element whose column is >= c.
+  // first element whose column is >= c. Sized by reserve(), so that reset
+  // only writes them.
   std::vector<int> columns_;
   std::vector<double> values_;
   std::vector<int> run_end_;
   std::vector<int> first_at_or_after_;
-  int leaves_ = 1;  // power of two >= width
-  std::vector<double> min_;
-  std::vector<double> max_;
+  int count_ = 0;  // usable columns: the valid length of the three above
+  // The tree is a cache of the usable phases: built on demand by the const
+  // queries, kept up to date by refresh() once built.
+  mutable bool tree_built_ = false;
+  mutable int leaves_ = 1;  // power of two >= width
+  mutable std::vector<double> min_;
+  mutable std::vector<double> max_;
 };
 
 }  // namespace detail

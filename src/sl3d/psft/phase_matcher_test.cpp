@@ -99,6 +99,9 @@ TEST(PhaseMatcher, EqualsTheScanOnAdversarialRows) {
       {255, 3, -20.0, 20.0, 3.0, 0.8},                  // rejected pixels may be chosen (204)
       {0, 3, -20.0, 20.0, 3.0, 0.8},                    // nothing usable
       {2, 3, 30.0, 10.0, 1.0, 1.0},                     // empty windows everywhere
+      {2, 3, 3.0e9, 4.0e9, 1.0, 1.0},                   // bounds beyond int: empty
+      {2, 3, -4.0e9, -3.0e9, 1.0, 1.0},
+      {2, 3, -3.0e9, 3.0e9, 1.0, 1.0},                  // the whole row
   };
   for (const Case& c : cases) {
     PhaseShiftParams prm;

@@ -27,6 +27,7 @@
 // status map (see PhaseShiftStatus); nothing is reported otherwise.
 
 #include <cstdint>
+#include <vector>
 
 #include <Eigen/Core>
 
@@ -110,35 +111,50 @@ SL3D_EXPORT bool set_disparity_least_mean_5(double& out, double* phase_row,
                                             double x, double target);
 
 // The phase-shift generator. Owns one set of image planes per camera.
+//
+// Memory: every plane lives from init to destroy (about 56 bytes per pixel:
+// per camera 15 one-byte planes, the fringes among them, and the 8-byte
+// phase; the 8-byte disparity map; a threshold and a scratch byte), plus the
+// base's 52 bytes of output buffers. exec and genPC allocate nothing large.
+// Planes allocated anew start at zero.
 class SL3D_EXPORT PhaseShift : public PointCloudGenerator {
  public:
   using ByteImage = PointCloudGenerator::ByteImage;
   using DoubleImage =
       Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>;
+  // Views of the generator's planes, valid until the next init or destroy.
+  using ByteView = Eigen::Map<const ByteImage>;
+  using DoubleView = Eigen::Map<const DoubleImage>;
+  using MutableByteView = Eigen::Map<ByteImage>;
+  using MutableDoubleView = Eigen::Map<DoubleImage>;
 
-  PhaseShift() = default;
+  PhaseShift();
 
   void destroy() override;
   // Base init, then sizes every plane to height x width (a plane of the right
-  // element count is kept, contents are not cleared). Returns false when
-  // memory runs out.
+  // element count is kept with its contents; one allocated anew is zero).
+  // Returns false when memory runs out.
   bool init(int width, int height) override;
   // Copies a PhaseShiftParams; a fit width other than 3 or 5 becomes 3.
   void setparams(void* params) override;
   // Files frame `index` (0..12, others ignored) of `camera` (0 or 1; other
   // camera numbers are ignored rather than written out of bounds). Black (0)
   // must come before the Gray-code frames (2..8), which are stored minus
-  // black with a floor at zero.
+  // black with a floor at zero. The fringe frames (9..12) are kept as the
+  // bytes they are; the phase reads them as the exact doubles they stand for.
   void setpict(unsigned char* img, unsigned long step, int camera,
                int index) override;
   // Decodes both cameras and matches them; returns the number of rows done.
+  // With sl3d::set_num_threads(n > 1) both steps split the rows over n
+  // threads; the result is the same.
   int exec() override;
   // Points coloured by camera 0's white image.
   int genPC(int mode) override;
 
   const PhaseShiftParams& params() const { return params_; }
 
-  // The stages of exec(), in order, exposed for inspection and tests.
+  // The stages of exec(), in order, exposed for inspection and tests
+  // (exec runs them fused, band by band of 8 rows, with the same result).
   // Period index per pixel from the Gray-code frames.
   void mk_code7(int camera);
   // Status per pixel: contrast, white level, period range and 8x8 blocks.
@@ -150,46 +166,55 @@ class SL3D_EXPORT PhaseShift : public PointCloudGenerator {
   // Sub-pixel disparity list from the two phase maps; returns height.
   int make_disparity_data();
 
-  const ByteImage& status_map(int camera) const { return cams_[camera].status; }
-  const ByteImage& code_map(int camera) const { return cams_[camera].code; }
-  const DoubleImage& phase_map(int camera) const { return cams_[camera].phase; }
-  const ByteImage& white_image(int camera) const { return cams_[camera].white; }
-  const ByteImage& threshold_image() const { return threshold_; }
-  const DoubleImage& disparity_map() const { return disparity_map_; }
+  ByteView status_map(int camera) const { return cams_[camera].status.map(); }
+  ByteView code_map(int camera) const { return cams_[camera].code.map(); }
+  DoubleView phase_map(int camera) const { return cams_[camera].phase.map(); }
+  ByteView white_image(int camera) const { return cams_[camera].white.map(); }
+  ByteView threshold_image() const { return threshold_.map(); }
+  DoubleView disparity_map() const { return disparity_map_.map(); }
 
   // Writable views for callers that prepare planes themselves (tests of the
   // matcher feed hand-made phase rows).
-  ByteImage& mutable_status_map(int camera) { return cams_[camera].status; }
-  DoubleImage& mutable_phase_map(int camera) { return cams_[camera].phase; }
-  ByteImage& mutable_white_image(int camera) { return cams_[camera].white; }
-  DoubleImage& mutable_disparity_map() { return disparity_map_; }
+  MutableByteView mutable_status_map(int camera) { return cams_[camera].status.map(); }
+  MutableDoubleView mutable_phase_map(int camera) { return cams_[camera].phase.map(); }
+  MutableByteView mutable_white_image(int camera) { return cams_[camera].white.map(); }
+  MutableDoubleView mutable_disparity_map() { return disparity_map_.map(); }
 
  protected:
-  ~PhaseShift() override = default;
+  ~PhaseShift() override;
 
  private:
+  template <typename T>
+  using Plane = sl3d::detail::Plane<T>;
   struct CameraPlanes {
-    ByteImage status;
-    ByteImage black;
-    ByteImage white;
-    ByteImage gray[7];
-    DoubleImage fringe[4];
-    ByteImage code;
-    DoubleImage phase;
+    Plane<std::uint8_t> status;
+    Plane<std::uint8_t> black;
+    Plane<std::uint8_t> white;
+    Plane<std::uint8_t> gray[7];
+    Plane<std::uint8_t> fringe[4];
+    Plane<std::uint8_t> code;
+    Plane<double> phase;
   };
+  struct MatchChunk;
 
-  void resize_planes(int width, int height);
-  void copy_rows(ByteImage& plane, const unsigned char* img, unsigned long step) const;
-  void subtract_bg(ByteImage& gray, const ByteImage& black) const;
-  void match_row(int y, sl3d::detail::PhaseRowMatcher& matcher);
-  bool fit_disparity(double& out, double* phase_row, std::uint8_t* status_row, int best,
-                     int x, double target) const;
+  bool resize_planes(int width, int height);
+  void place_planes(sl3d::detail::PlaneLayout& layout, int width, int height);
+  void decode_rows(int camera, int y0, int y1, bool code, bool status, bool phase,
+                   bool unwrap);
+  void match_rows(int y0, int y1, sl3d::detail::PhaseRowMatcher& matcher, MatchChunk& chunk);
+  int match_in_chunks(int chunks);
 
   PhaseShiftParams params_;
-  ByteImage texture_;
-  DoubleImage disparity_map_;
-  ByteImage threshold_;
+  // One block for all planes below.
+  sl3d::detail::ZeroedBuffer plane_memory_;
+  Plane<double> disparity_map_;
+  Plane<std::uint8_t> threshold_;
+  // Per pixel of camera 0, while the rows are matched in chunks: whether
+  // the pixel's record is kept (see match_in_chunks).
+  Plane<std::uint8_t> match_flags_;
   CameraPlanes cams_[2];
+  // One per thread; storage sized at init, so matching allocates nothing.
+  std::vector<sl3d::detail::PhaseRowMatcher> matchers_;
 };
 
 #endif  // SL3D_PSFT_PSFT_H_

@@ -4,10 +4,18 @@
 
 #include <gtest/gtest.h>
 
+#include <malloc.h>
+
+#include <algorithm>
 #include <cmath>
+#include <cstring>
+#include <memory>
 #include <vector>
 
+#include <sl3d/pointcloud/threads.h>
+#include <sl3d/psft/phase_table.h>
 #include <sl3d/psft/psft.h>
+#include <sl3d/sim/virtual_sensor.h>
 
 namespace {
 
@@ -245,3 +253,134 @@ TEST(SubPixelFit, FiveSamplesCorrectByAFifthOfTheLine) {
 }
 
 }  // namespace
+
+// ---------------------------------------------------------------------------
+// A fresh generator's result may not depend on what the heap held before.
+
+using Capture = std::vector<cv::Mat>[2];
+
+// Measures a capture with a fresh generator and returns its disparity list.
+// malloc fills the blocks it hands out during init with the byte ~perturb
+// (glibc's M_PERTURB; 0 = off).
+std::vector<double> fresh_measurement(const Capture& frames, int perturb = 0) {
+  const cv::Size size = frames[0][0].size();
+  mallopt(M_PERTURB, perturb);
+  auto* gen = static_cast<PhaseShift*>(createPointCloudGenerator(0));
+  const bool initialised = gen->init(size.width, size.height);
+  mallopt(M_PERTURB, 0);
+  EXPECT_TRUE(initialised);
+  // Cells without a point read -1 also before any Q route has reset them.
+  const int* grid = gen->get_rangegrid();
+  EXPECT_EQ(std::count(grid, grid + size.area(), -1), size.area());
+  for (int c = 0; c < 2; ++c)
+    for (int i = 0; i < 13; ++i) gen->setpict(frames[c][i].data, frames[c][i].step, c, i);
+  gen->exec();
+  std::vector<double> records(gen->get_disparity_ptr(),
+                              gen->get_disparity_ptr() + 4 * gen->get_disparity_cnt());
+  gen->destroy();
+  return records;
+}
+
+// The heap is dirtied the way a program dirties it, by generators that
+// measured before (their freed planes, the disparity map among them, are
+// what the next generator gets: malloc is told to keep freed memory rather
+// than return it to the system), and by malloc's own fill pattern.
+TEST(FreshGenerator, SameCaptureSameResultWhateverTheHeapHeld) {
+  const sl3d::VirtualSensor sensor(sl3d::SimRig::scaled(96, 64));
+  sl3d::SimLight harsh;
+  harsh.noise_sigma = 6.0;
+  const Capture scene = {sensor.render_phase_shift(0, harsh), sensor.render_phase_shift(1, harsh)};
+  const Capture clean = {sensor.render_phase_shift(0), sensor.render_phase_shift(1)};
+
+  const std::vector<double> first = fresh_measurement(scene);
+  EXPECT_GT(first.size(), 0u);
+  EXPECT_EQ(fresh_measurement(scene, 0x41), first);
+  mallopt(M_TRIM_THRESHOLD, 1 << 30);
+  mallopt(M_MMAP_THRESHOLD, 1 << 25);
+  for (const Capture* before : {&clean, &scene}) {
+    fresh_measurement(*before);
+    EXPECT_EQ(fresh_measurement(scene), first);
+  }
+}
+
+// ---------------------------------------------------------------------------
+// Exactness of the fast paths: the arctangent table and the threads.
+
+// The phase of every possible pair of fringe differences, against atan2
+// itself: bit for bit, so that no period, match or disparity can differ.
+TEST(Phase, EveryFringeCombinationGivesExactlyAtan2) {
+  std::vector<unsigned char> i0(511 * 511), i1(511 * 511), i2(511 * 511), i3(511 * 511);
+  for (int dy = -255; dy <= 255; ++dy) {
+    for (int dx = -255; dx <= 255; ++dx) {
+      const std::size_t k = static_cast<std::size_t>(dy + 255) * 511 + (dx + 255);
+      i1[k] = static_cast<unsigned char>(dy < 0 ? -dy : 0);
+      i3[k] = static_cast<unsigned char>(dy > 0 ? dy : 0);
+      i0[k] = static_cast<unsigned char>(dx < 0 ? -dx : 0);
+      i2[k] = static_cast<unsigned char>(dx > 0 ? dx : 0);
+    }
+  }
+  std::vector<double> phase(i0.size());
+  sl3d::detail::prepare_phase_table();
+  sl3d::detail::wrapped_phase_row(i0.data(), i1.data(), i2.data(), i3.data(),
+                                  static_cast<int>(i0.size()), phase.data());
+  int mismatches = 0;
+  for (std::size_t k = 0; k < phase.size(); ++k) {
+    const double exact = std::atan2(double(i3[k]) - i1[k], double(i2[k]) - i0[k]);
+    mismatches += std::memcmp(&exact, &phase[k], sizeof(double)) != 0;
+  }
+  EXPECT_EQ(mismatches, 0);
+}
+
+// Everything exec and genPC write, on one thread and split over several:
+// the same bits. A 320 x 256 capture splits into up to eight row chunks.
+TEST(Threads, ExecAndGenPcGiveTheSameBitsOnAnyNumberOfThreads) {
+  sl3d::SimRig rig = sl3d::SimRig::scaled(320, 256);
+  const sl3d::VirtualSensor sensor(rig);
+  sl3d::SimLight light;
+  light.noise_sigma = 3.0;
+  const Capture frames = {sensor.render_phase_shift(0, light), sensor.render_phase_shift(1, light)};
+  const sl3d::SimGroundTruth truth = sensor.ground_truth();
+  struct Result {
+    std::vector<double> records;
+    PhaseShift::ByteImage s0, s1, code0;
+    PhaseShift::DoubleImage phase1, disparity;
+    std::vector<float> points;
+    std::vector<int> grid;
+  };
+  const auto measure = [&](int threads) {
+    sl3d::set_num_threads(threads);
+    auto* gen = static_cast<PhaseShift*>(createPointCloudGenerator(0));
+    EXPECT_TRUE(gen->init(rig.width, rig.height));
+    gen->set_camera_params(truth.q.data());
+    for (int c = 0; c < 2; ++c)
+      for (int i = 0; i < 13; ++i) gen->setpict(frames[c][i].data, frames[c][i].step, c, i);
+    gen->exec();
+    gen->exec();  // a second run starts from the first one's disparity map
+    Result r;
+    r.records.assign(gen->get_disparity_ptr(), gen->get_disparity_ptr() + 4 * gen->get_disparity_cnt());
+    r.s0 = gen->status_map(0);
+    r.s1 = gen->status_map(1);
+    r.code0 = gen->code_map(0);
+    r.phase1 = gen->phase_map(1);
+    r.disparity = gen->disparity_map();
+    const int n = gen->genPC(0);
+    for (int i = 0; i < n; ++i) {
+      const PointCloudElement& p = gen->get_pointcloud_ptr()[i];
+      r.points.insert(r.points.end(), {p.x, p.y, p.z, float(p.red)});
+    }
+    r.grid.assign(gen->get_rangegrid(), gen->get_rangegrid() + rig.width * rig.height);
+    gen->destroy();
+    sl3d::set_num_threads(1);
+    return r;
+  };
+  const Result one = measure(1);
+  ASSERT_GT(one.records.size(), 4u * 10000);
+  for (int threads : {2, 3, 8}) {
+    const Result many = measure(threads);
+    EXPECT_EQ(many.records, one.records) << threads;
+    EXPECT_TRUE(many.s0 == one.s0 && many.s1 == one.s1 && many.code0 == one.code0) << threads;
+    EXPECT_TRUE(many.phase1 == one.phase1 && many.disparity == one.disparity) << threads;
+    EXPECT_EQ(many.points, one.points) << threads;
+    EXPECT_EQ(many.grid, one.grid) << threads;
+  }
+}

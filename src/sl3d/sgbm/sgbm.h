@@ -11,8 +11,14 @@
 // genPC() reprojects those and colours them with the left image.
 //
 // OpenCV errors (mismatched sizes, parameters the matcher refuses) propagate
-// out of exec() as cv::Exception. A negative number of disparities, which
-// would make OpenCV abort the process, raises the same exception instead.
+// out of exec() as cv::Exception. Parameters with which OpenCV's matcher
+// would crash or abort the process raise the same exception instead: a
+// negative number of disparities, a block larger than the image or whose
+// P2 = 32 * bs^2 overflows an int, min disparity + number of disparities
+// beyond INT_MAX, and in the 3-way mode a range that leaves no column.
+//
+// Threads: exec runs OpenCV's matcher with OpenCV's thread count set to
+// sl3d::num_threads() (1 unless raised) and restores it afterwards.
 
 #include <opencv2/core.hpp>
 
@@ -68,6 +74,8 @@ class SL3D_EXPORT SGBMaching : public PointCloudGenerator {
   cv::Mat left_;
   cv::Mat right_;
   cv::Mat status_;
+  // The matcher's fixed-point result, kept so that later runs reuse it.
+  cv::Mat fixed_point_;
 };
 
 #endif  // SL3D_SGBM_SGBM_H_

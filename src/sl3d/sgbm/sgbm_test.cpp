@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <climits>
 #include <cmath>
 #include <cstring>
 #include <memory>
@@ -90,16 +91,6 @@ class RenderedPair : public testing::Test {
 cv::Mat* RenderedPair::left_ = nullptr;
 cv::Mat* RenderedPair::right_ = nullptr;
 sl3d::SimGroundTruth* RenderedPair::truth_ = nullptr;
-
-TEST(SgbmParams, SetparamsCopiesTheBlock) {
-  SgbmPtr gen(dynamic_cast<SGBMaching*>(createPointCloudGenerator(1)));
-  ASSERT_NE(gen, nullptr);
-  SGBMParams p = {-8, 96, 7, 2, 31, 15, 50, 3, 1};
-  const SGBMParams sent = p;
-  gen->setparams(&p);
-  p.num_disparities = 0;  // the generator must hold its own copy
-  EXPECT_EQ(std::memcmp(&gen->params(), &sent, sizeof(SGBMParams)), 0);
-}
 
 TEST_F(RenderedPair, RecordsStatusAndDepthAgreeWithTruth) {
   struct Search {
@@ -203,21 +194,29 @@ TEST_F(RenderedPair, PaddedRowsGiveTheSameResultAsPackedOnes) {
   EXPECT_EQ(cv::countNonZero(padded->status_image() != packed->status_image()), 0);
 }
 
-TEST_F(RenderedPair, NoQMeansNoPoints) {
-  SgbmPtr gen = make(params_with(0, 64));
-  gen->setpict(left_->data, 0, 0, 0);
-  gen->setpict(right_->data, 0, 1, 0);
-  EXPECT_GT(gen->exec(), 0);
-  EXPECT_EQ(gen->genPC(0), 0);
-}
-
-TEST_F(RenderedPair, MatcherErrorsPropagate) {
-  // A matcher without any disparity to search refuses to run.
-  SgbmPtr gen = make_with_pair(params_with(0, 0));
-  EXPECT_THROW(gen->exec(), cv::Exception);
-  // A negative count raises too, instead of taking the process down.
-  SgbmPtr negative = make_with_pair(params_with(0, -16));
-  EXPECT_THROW(negative->exec(), cv::Exception);
+TEST_F(RenderedPair, MatcherErrorsPropagateAndCrashingParametersAreRefused) {
+  struct Refused {
+    int min_disparity, num_disparities, block_size, mode;
+  };
+  // OpenCV's own refusal (no disparity to search), and parameters with
+  // which its matcher would crash or abort: a negative count, blocks larger
+  // than the image or whose P2 overflows, a range overflowing an int, and a
+  // 3-way search leaving no column to match.
+  for (const Refused& r : {Refused{0, 0, 5, 0}, Refused{0, -16, 5, 0}, Refused{0, 64, 4001, 0},
+                           Refused{0, 64, 100001, 0}, Refused{0, 64, 257, 0},
+                           Refused{INT_MAX - 8, 16, 5, 0}, Refused{0, 320, 5, 2},
+                           Refused{-400, 16, 5, 2}, Refused{INT_MIN, 16, 5, 2}}) {
+    SGBMParams params = params_with(r.min_disparity, r.num_disparities);
+    params.block_size = r.block_size;
+    params.mode = r.mode;
+    SgbmPtr gen = make_with_pair(params);
+    EXPECT_THROW(gen->exec(), cv::Exception) << r.min_disparity << " " << r.num_disparities
+                                             << " " << r.block_size << " " << r.mode;
+  }
+  // The largest block the image holds still runs.
+  SGBMParams largest = params_with(0, 64);
+  largest.block_size = 255;
+  EXPECT_NO_THROW(make_with_pair(largest)->exec());
 
   // So does one handed no images: nothing is allocated before init.
   SgbmPtr blank(dynamic_cast<SGBMaching*>(createPointCloudGenerator(1)));
