@@ -158,8 +158,10 @@ long pixel_of(const double* rec, int width) {
 
 // What one chunk of the list produced: its points are stored from the
 // chunk's first record index on, and moved down to their final place once
-// the counts of all earlier chunks are known.
-struct ChunkResult {
+// the counts of all earlier chunks are known. Each result has its own cache
+// line: the count grows per point, and neighbouring results written by two
+// threads would otherwise share a line.
+struct alignas(64) ChunkResult {
   int count = 0;
   long first_pixel = -1;
   long last_pixel = -1;

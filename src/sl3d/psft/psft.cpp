@@ -598,6 +598,9 @@ void PhaseShift::match_rows(int y0, int y1, sl3d::detail::PhaseRowMatcher& match
   const int width = this->width();
   const PhaseShiftParams& prm = params_;
   const int half = prm.fit_width == 5 ? 2 : 1;
+  // Counted here and stored once: the chunks' records sit side by side, and
+  // a count written per pixel would bounce their cache line between threads.
+  int kept = 0;
   for (int y = y0; y < y1; ++y) {
     double* P0 = cams_[0].phase.row(y);
     double* P1 = cams_[1].phase.row(y);
@@ -670,10 +673,11 @@ void PhaseShift::match_rows(int y0, int y1, sl3d::detail::PhaseRowMatcher& match
       }
       if (flags != nullptr) {
         flags[x] = kKept;
-        ++chunk.kept;
+        ++kept;
       } else {
         append_disparity(x, y, D[x]);
       }
     }
   }
+  chunk.kept += kept;
 }
