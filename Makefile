@@ -3,7 +3,7 @@ BUILD_DIR ?= build
 JOBS ?= $(shell nproc)
 SL3D := $(BUILD_DIR)/bin/sl3d
 
-.PHONY: all deps configure build demo test bench clean
+.PHONY: all deps configure build demo test bench coverage clean
 
 all: build
 
@@ -23,8 +23,23 @@ demo: build
 test: build
 	cd $(BUILD_DIR) && ctest --output-on-failure -j$(JOBS)
 
+# Line coverage of the library and the tool by the whole suite (gcovr), in a
+# build of its own so that the instrumented objects never mix with the
+# ordinary ones. -O1 keeps the line attribution close to the source.
+COVERAGE_DIR ?= build-coverage
+coverage: deps
+	cmake -S . -B $(COVERAGE_DIR) -DCMAKE_BUILD_TYPE=None -DSL3D_BUILD_BENCHMARKS=OFF \
+	  -DCMAKE_CXX_FLAGS="-O1 -g -DNDEBUG --coverage" \
+	  -DCMAKE_EXE_LINKER_FLAGS=--coverage -DCMAKE_SHARED_LINKER_FLAGS=--coverage
+	cmake --build $(COVERAGE_DIR) -j$(JOBS)
+	find $(COVERAGE_DIR) -name '*.gcda' -delete
+	cd $(COVERAGE_DIR) && ctest --output-on-failure -j$(JOBS)
+	gcovr -r . --object-directory $(COVERAGE_DIR) --filter 'src/sl3d/' \
+	  --exclude '.*_test\.(cpp|h)$$' --print-summary -o $(COVERAGE_DIR)/coverage.txt
+	tail -n 4 $(COVERAGE_DIR)/coverage.txt
+
 bench: build
 	$(BUILD_DIR)/bin/sl3d_bench --benchmark_min_time=1
 
 clean:
-	rm -rf $(BUILD_DIR) out
+	rm -rf $(BUILD_DIR) $(COVERAGE_DIR) out

@@ -7,6 +7,8 @@ packages=(
   make cmake g++ pkg-config python3 python3-opencv
   libopencv-dev libeigen3-dev
   libgtest-dev libbenchmark-dev
+  gcovr                      # make coverage
+  clang libclang-rt-14-dev   # make check: sanitizers and libFuzzer
 )
 
 missing=()
