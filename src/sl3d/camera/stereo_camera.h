@@ -114,11 +114,9 @@ class SL3D_EXPORT StereoCamera {
   cv::Mat_<double> camdis;
 
  private:
-  friend StereoCamera* create_StereoCamera_from_Hmats(std::string, std::string, std::string,
-                                                      cv::Size_<int>, cv::Scalar_<double>,
-                                                      cv::Scalar_<double>);
   void name_cameras();
   void update_camdis();
+  bool load_checked(const std::string& dir);
 };
 
 // Builds a rectified pair from two camera YAML files (each read as a
