@@ -303,7 +303,8 @@ std::string command_usage(const std::string& command) {
 }
 
 void progress(const std::string& note) {
-  if (::isatty(STDERR_FILENO)) std::fprintf(stderr, "sl3d: %s\n", note.c_str());
+  std::fflush(stdout);
+  std::fprintf(stderr, "sl3d: progress: %s\n", note.c_str());
 }
 
 }  // namespace sl3d
