@@ -64,6 +64,18 @@ cv::Size read_size_key(const std::string& path, const std::string& key) {
   return cv::Size();
 }
 
+// An absent key is no matrix to check; a present one must read as one.
+bool readable_matrix(const cv::FileNode& node) {
+  if (node.empty()) return true;
+  try {
+    cv::Mat m;
+    node >> m;
+    return !m.empty();
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
 bool usable_matrix(const cv::Mat& m) {
   return !m.empty() && cv::checkRange(m) && cv::determinant(m(cv::Rect(0, 0, 3, 3))) != 0.0;
 }
@@ -145,6 +157,12 @@ bool check_camera_file(CalibReport& r, const std::string& path, int index) {
   const std::string name = "cam" + std::to_string(index);
   for (const char* key : {"_size", "_P"}) {
     if (storage[name + key].empty()) return fail(r, path, "missing key \"" + name + key + "\"");
+  }
+  // Each matrix on its own, so that the message names the one at fault.
+  for (const char* key : {"_K", "_R", "_T", "_P", "_D"}) {
+    if (!readable_matrix(storage[name + key])) {
+      return fail(r, path, "\"" + name + key + "\" is not a valid matrix");
+    }
   }
   DistortCamera camera(cv::Size(0, 0), name);
   bool loaded = false;
