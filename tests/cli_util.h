@@ -88,7 +88,9 @@ class ToolTest : public ::testing::Test {
     EXPECT_EQ(r.exit_code, exit_code) << r.err;
     EXPECT_EQ(error_lines(r.err), 1) << r.err;
     EXPECT_NE(r.err.find(culprit), std::string::npos) << "'" << culprit << "' not in: " << r.err;
-    if (!out_dir.empty()) EXPECT_TRUE(fs::is_empty(out_dir)) << "output left in " << out_dir;
+    if (!out_dir.empty()) {
+      EXPECT_TRUE(fs::is_empty(out_dir)) << "output left in " << out_dir;
+    }
   }
 
   static fs::path root_;
