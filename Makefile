@@ -3,7 +3,7 @@ BUILD_DIR ?= build
 JOBS ?= $(shell nproc)
 SL3D := $(BUILD_DIR)/bin/sl3d
 
-.PHONY: all deps configure build demo test bench coverage clean
+.PHONY: all deps configure build demo test check sanitize fuzz-smoke bench coverage clean
 
 all: build
 
@@ -22,6 +22,47 @@ demo: build
 
 test: build
 	cd $(BUILD_DIR) && ctest --output-on-failure -j$(JOBS)
+
+# What CI runs: the plain suite, then the suite (bad inputs included) built
+# with clang's AddressSanitizer and UndefinedBehaviorSanitizer, then every
+# fuzz target for FUZZ_SECONDS on its seed corpus. Any sanitizer report or
+# fuzzer crash fails it.
+check: test sanitize fuzz-smoke
+
+SANITIZE_DIR ?= build-sanitize
+FUZZ_SECONDS ?= 30
+FUZZ_TARGETS := hmat_fuzz rectify_maps_fuzz camera_yaml_fuzz stereo_yaml_fuzz q_yaml_fuzz \
+  key_file_fuzz calib_dir_fuzz png_fuzz phaseshift_fuzz
+SANITIZE_FLAGS := -O1 -g -fno-omit-frame-pointer -fno-sanitize-recover=all \
+  -fsanitize=address,undefined,float-cast-overflow,fuzzer-no-link
+# The library is a shared object: it takes the sanitizer runtime as a shared
+# library too, found through the rpath.
+SANITIZE_LINK = $(SANITIZE_FLAGS) -shared-libasan \
+  -Wl,-rpath,$(dir $(shell clang -print-file-name=libclang_rt.asan-x86_64.so))
+# A distinct exit code, so that a report never passes for the tool's own
+# failure (1) in a test that expects one.
+export ASAN_OPTIONS ?= exitcode=86:detect_leaks=1:strict_string_checks=1
+export UBSAN_OPTIONS ?= exitcode=86:print_stacktrace=1:halt_on_error=1
+
+$(SANITIZE_DIR)/CMakeCache.txt: Makefile | deps
+	CC=clang CXX=clang++ cmake -S . -B $(SANITIZE_DIR) -DCMAKE_BUILD_TYPE=None \
+	  -DSL3D_BUILD_BENCHMARKS=OFF -DSL3D_BUILD_FUZZERS=ON \
+	  -DCMAKE_CXX_FLAGS="$(SANITIZE_FLAGS)" \
+	  -DCMAKE_EXE_LINKER_FLAGS="$(SANITIZE_LINK)" -DCMAKE_SHARED_LINKER_FLAGS="$(SANITIZE_LINK)"
+
+sanitize: $(SANITIZE_DIR)/CMakeCache.txt
+	cmake --build $(SANITIZE_DIR) -j$(JOBS)
+	cd $(SANITIZE_DIR) && ctest --output-on-failure -j$(JOBS)
+
+fuzz-smoke: sanitize
+	rm -rf $(SANITIZE_DIR)/corpus && $(SANITIZE_DIR)/bin/fuzz_seeds $(SANITIZE_DIR)/corpus
+	@for t in $(FUZZ_TARGETS); do \
+	  echo "fuzz: $$t for $(FUZZ_SECONDS) s"; \
+	  $(SANITIZE_DIR)/bin/$$t -max_total_time=$(FUZZ_SECONDS) -timeout=20 -rss_limit_mb=4096 \
+	    -print_final_stats=1 $(SANITIZE_DIR)/corpus/$$t 2>$(SANITIZE_DIR)/fuzz-$$t.log \
+	    || { tail -n 60 $(SANITIZE_DIR)/fuzz-$$t.log; exit 1; }; \
+	  grep -E "stat::number_of_executed_units" $(SANITIZE_DIR)/fuzz-$$t.log; \
+	done
 
 # Line coverage of the library and the tool by the whole suite (gcovr), in a
 # build of its own so that the instrumented objects never mix with the
@@ -42,4 +83,4 @@ bench: build
 	$(BUILD_DIR)/bin/sl3d_bench --benchmark_min_time=1
 
 clean:
-	rm -rf $(BUILD_DIR) $(COVERAGE_DIR) out
+	rm -rf $(BUILD_DIR) $(COVERAGE_DIR) $(SANITIZE_DIR) out
