@@ -505,6 +505,10 @@ TEST_F(CliTest, RefusesRawCapturesThatDoNotFitTheCalibration) {
     fs::remove(calib / f);
   }
   expect_clean_failure(run(with({"--calib", calib.string()})), 1, "rect.param", out);
+  // A stated size whose pixel count overflows int is still checked.
+  write_text(calib / "stereo_param.yaml", "oldcamSize: [ 65536, 65536 ]\n");
+  const RunResult info = run({"calib-info", calib.string()});
+  EXPECT_NE(info.err.find("65536x65536 images need 4294967296"), std::string::npos) << info.err;
 
   const std::string q = (synth_dir() / "q.yaml").string();
   expect_clean_failure(run(with({"--calib", calib.string(), "--q", q})), 2, "--calib", out);
