@@ -336,7 +336,9 @@ bool StereoCamera::load_checked(const std::string& dir) {
   cam1_R2 = cv::Mat_<double>(r1);
   fs.release();
   update_camdis();
-  return usable_pair(*this);
+  // Q may be absent (it is read as empty), but what was stored must be
+  // finite.
+  return usable_camera(cameras[0]) && usable_camera(cameras[1]) && all_finite(Q);
 }
 
 namespace {
