@@ -36,7 +36,8 @@ inline std::string write_file(const fs::path& path, const uint8_t* data, std::si
   return path.string();
 }
 
-inline std::string write_file(const std::string& name, const uint8_t* data, std::size_t size) {
+// The input as the file `name` of the scratch directory.
+inline std::string write_scratch(const char* name, const uint8_t* data, std::size_t size) {
   return write_file(scratch() / name, data, size);
 }
 

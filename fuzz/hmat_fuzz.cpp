@@ -5,7 +5,7 @@
 #include "fuzz_util.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
-  const std::string path = sl3d_fuzz::write_file("hmat.dat", data, size);
+  const std::string path = sl3d_fuzz::write_scratch("hmat.dat", data, size);
   PinHoleCamera camera(cv::Size(0, 0), "fuzz");
   std::ifstream in(path, std::ios::binary);
   try {

@@ -8,7 +8,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   if (size < 1) return 0;
-  const std::string path = sl3d_fuzz::write_file("params.yaml", data + 1, size - 1);
+  const std::string path = sl3d_fuzz::write_scratch("params.yaml", data + 1, size - 1);
   try {
     if (data[0] % 3 == 0) {
       sl3d::read_board_params(path);

@@ -5,7 +5,7 @@
 #include "fuzz_util.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
-  const std::string path = sl3d_fuzz::write_file("q.yaml", data, size);
+  const std::string path = sl3d_fuzz::write_scratch("q.yaml", data, size);
   try {
     sl3d::read_q_matrix(path);
   } catch (const sl3d::CliError&) {
