@@ -57,10 +57,12 @@ const Case kCases[] = {
     {"cam_yaml_length_error.yaml", Use::kCameraFile, "not a valid YAML file: line 3: NUL byte"},
     {"cam0_param_yaml_parser_hang.yaml", Use::kCameraFile, "not a valid YAML file: line 2"},
     {"cam0_param_yaml_parser_hang.yaml", Use::kQ, "not a valid YAML file: line 2"},
-    {"cam0_param_K_declares_40000x40000.yaml", Use::kCameraFile, "\"cam0_K\" is not a valid matrix"},
+    {"cam0_param_K_declares_40000x40000.yaml", Use::kCameraFile,
+     "line 4: a matrix of 40000 x 40000 does not match its 3 data entries"},
     {"q_sequence_root.yaml", Use::kQ, "line 1: expected 'key: value', found a sequence entry"},
     {"q_scalar_root.yaml", Use::kQ, "line 1: expected 'key: value'"},
-    {"q_declares_30000x30000.yaml", Use::kQ, "\"Q\" is not a matrix"},
+    {"q_declares_30000x30000.yaml", Use::kQ, "a matrix of 30000 x 30000 does not match its 1"},
+    {"q_rows_not_a_number.yaml", Use::kQ, "line 4: '...4' is neither a number nor a word"},
 };
 
 class BadInputsTest : public ToolTest {

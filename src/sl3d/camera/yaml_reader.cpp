@@ -2,6 +2,7 @@
 
 #include <cctype>
 #include <cmath>
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -123,7 +124,15 @@ YamlNode plain_scalar(int line, const std::string& text) {
     }
   }
   if (text[0] == '-' && text.size() > 1 && text[1] == ' ') fail(line, "unexpected sequence entry");
-  return scalar_node(line, text, false);
+  YamlNode node = scalar_node(line, text, false);
+  // Anything else is left to the reader's own guess ("...4" once read as
+  // a huge row count), so it is refused here.
+  // Words: a letter or '_' first, or letters and digits only ("3d").
+  const bool alnum = std::all_of(text.begin(), text.end(),
+                                 [](char c) { return std::isalnum(static_cast<unsigned char>(c)); });
+  const bool word = std::isalpha(static_cast<unsigned char>(text[0])) || text[0] == '_' || alnum;
+  if (!word && !node.is_number()) fail(line, "'" + text + "' is neither a number nor a word");
+  return node;
 }
 
 // A quoted scalar starting at text[i]; i ends after the closing quote.
@@ -374,6 +383,40 @@ double real_value(const std::string& t) {
   return t[0] == '-' ? -HUGE_VAL : HUGE_VAL;
 }
 
+int channels_of(const std::string& dt) {
+  std::size_t digits = 0;
+  while (digits < dt.size() && std::isdigit(static_cast<unsigned char>(dt[digits]))) ++digits;
+  return digits == 0 ? 1 : std::atoi(dt.substr(0, std::min<std::size_t>(digits, 3)).c_str());
+}
+
+// An "!!opencv-matrix" must hold exactly the data its shape declares, so
+// that OpenCV never allocates for a shape the file does not fill.
+void check_matrix(const YamlNode& m) {
+  const YamlNode* rows = m.find("rows");
+  const YamlNode* cols = m.find("cols");
+  const YamlNode* dt = m.find("dt");
+  const YamlNode* data = m.find("data");
+  if (!rows || !cols || !dt || !data || !rows->is_integer() || !cols->is_integer() ||
+      dt->kind != YamlNode::Kind::kScalar || data->kind != YamlNode::Kind::kSeq) {
+    fail(m.line, "a matrix needs integer rows and cols, dt and a data sequence");
+  }
+  const double r = std::strtod(rows->text.c_str(), nullptr);
+  const double c = std::strtod(cols->text.c_str(), nullptr);
+  const double n = r * c * channels_of(dt->text);
+  if (r < 0 || c < 0 || n != static_cast<double>(data->items.size())) {
+    fail(m.line, "a matrix of " + rows->text + " x " + cols->text + " does not match its " +
+                     std::to_string(data->items.size()) + " data entries");
+  }
+  for (const YamlNode& item : data->items) {
+    if (!item.is_number()) fail(item.line, "matrix data must be numbers");
+  }
+}
+
+void check_matrices(const YamlNode& node) {
+  if (node.kind == YamlNode::Kind::kMap && node.tag == "opencv-matrix") check_matrix(node);
+  for (const auto& entry : node.entries) check_matrices(entry.second);
+}
+
 // Writes `node` under `name` ("" inside a sequence) with OpenCV's writer.
 void emit(cv::FileStorage& out, const std::string& name, const YamlNode& node) {
   switch (node.kind) {
@@ -434,6 +477,7 @@ bool YamlNode::is_number() const {
 bool parse_yaml(const std::string& text, YamlNode& root, std::string& error) {
   try {
     root = Parser(content_lines(text)).document();
+    check_matrices(root);
     return true;
   } catch (const YamlError& e) {
     error = "line " + std::to_string(e.line) + ": " + e.problem;

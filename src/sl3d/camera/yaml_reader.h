@@ -18,8 +18,10 @@
 //     - 640
 //   # comment            comments and blank lines anywhere
 //
-// Scalars are numbers (decimal, with exponent, .inf/.nan), plain words or
-// quoted strings of printable ASCII. Anything else (flow maps and JSON,
+// Scalars are numbers (decimal, with exponent, .inf/.nan), words (a letter
+// or '_' first) or quoted strings of printable ASCII. A tagged
+// "!!opencv-matrix" must hold rows x cols x channels numbers under "data".
+// Anything else (flow maps and JSON,
 // anchors, block scalars, tabs in the indentation, control bytes, repeated
 // keys, nesting deeper than 16) is refused with the line it is on.
 //

@@ -21,7 +21,8 @@ TEST(YamlReaderTest, AcceptsTheSubsetAndRefusesTheRestWithTheLine) {
   const Case cases[] = {
       {"", nullptr},
       {"%YAML:1.0\n---\n# comment\nk: 1 # trailing\n...\n", nullptr},
-      {"%YAML 1.2\nm: !!opencv-matrix\n   rows: 1\n   data: [ 1., -2e-3,\n      .5 ]\n", nullptr},
+      {"%YAML 1.2\nm: !!opencv-matrix\n   rows: 1\n   cols: 3\n   dt: d\n   data: [ 1., -2e-3,\n      .5 ]\n",
+       nullptr},
       {"size:\n  - 640\n  - 512\nname: \"a b\"\nword: cam0\n", nullptr},
       {nul, "line 2: NUL byte"},
       {"%YAML:1.0\n---%YAML1:0\n-.--\ncam0_size: [ %8,\ncam1", "line 2: expected 'key: value'"},
@@ -39,6 +40,9 @@ TEST(YamlReaderTest, AcceptsTheSubsetAndRefusesTheRestWithTheLine) {
       {"a: 1\n---\nb: 2\n", "second document"},
       {"a: \"unclosed\n", "unclosed quote"},
       {"a: 1\x01\n", "control character"},
+      {"m: !!opencv-matrix\n  rows: ...4\n  cols: 1\n  dt: d\n  data: [1]\n", "line 2: '...4'"},
+      {"m: !!opencv-matrix\n  rows: 2\n  cols: 2\n  dt: d\n  data: [1]\n", "2 x 2 does not match"},
+      {"m: !!opencv-matrix\n  rows: 1\n  cols: 1\n  dt: 3d\n  data: [1, 2, 3]\n", nullptr},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.text.c_str());
