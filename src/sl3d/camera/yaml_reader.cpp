@@ -412,8 +412,20 @@ void check_matrix(const YamlNode& m) {
   }
 }
 
+// OpenCV reads any map with these keys as a matrix, tagged or not.
+bool looks_like_matrix(const YamlNode& node) {
+  for (const char* key : {"rows", "cols", "dt", "data"}) {
+    if (node.find(key) != nullptr) return true;
+  }
+  return false;
+}
+
 void check_matrices(const YamlNode& node) {
-  if (node.kind == YamlNode::Kind::kMap && node.tag == "opencv-matrix") check_matrix(node);
+  if (node.kind != YamlNode::Kind::kMap) return;
+  if (!node.tag.empty() && node.tag != "opencv-matrix") {
+    fail(node.line, "unsupported tag '!!" + node.tag + "' (only !!opencv-matrix)");
+  }
+  if (node.tag == "opencv-matrix" || looks_like_matrix(node)) check_matrix(node);
   for (const auto& entry : node.entries) check_matrices(entry.second);
 }
 

@@ -19,8 +19,10 @@
 //   # comment            comments and blank lines anywhere
 //
 // Scalars are numbers (decimal, with exponent, .inf/.nan), words (a letter
-// or '_' first) or quoted strings of printable ASCII. A tagged
-// "!!opencv-matrix" must hold rows x cols x channels numbers under "data".
+// or '_' first) or quoted strings of printable ASCII. The only tag is
+// "!!opencv-matrix"; a matrix (tagged, or any map with rows, cols, dt or
+// data, which OpenCV would read as one) must hold exactly rows x cols x
+// channels numbers under "data".
 // Anything else (flow maps and JSON,
 // anchors, block scalars, tabs in the indentation, control bytes, repeated
 // keys, nesting deeper than 16) is refused with the line it is on.

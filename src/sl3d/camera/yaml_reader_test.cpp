@@ -42,6 +42,8 @@ TEST(YamlReaderTest, AcceptsTheSubsetAndRefusesTheRestWithTheLine) {
       {"a: 1\x01\n", "control character"},
       {"m: !!opencv-matrix\n  rows: ...4\n  cols: 1\n  dt: d\n  data: [1]\n", "line 2: '...4'"},
       {"m: !!opencv-matrix\n  rows: 2\n  cols: 2\n  dt: d\n  data: [1]\n", "2 x 2 does not match"},
+      {"m: !!other\n  rows: 1\n  cols: 1\n  dt: d\n  data: [1]\n", "line 1: unsupported tag"},
+      {"m:\n  rows: Z3\n  cols: 1\n  dt: d\n  data: [1]\n", "a matrix needs integer rows"},
       {"m: !!opencv-matrix\n  rows: 1\n  cols: 1\n  dt: 3d\n  data: [1, 2, 3]\n", nullptr},
   };
   for (const Case& c : cases) {
