@@ -64,6 +64,7 @@ const Case kCases[] = {
     {"q_declares_30000x30000.yaml", Use::kQ, "a matrix of 30000 x 30000 does not match its 1"},
     {"q_rows_not_a_number.yaml", Use::kQ, "line 4: '...4' is neither a number nor a word"},
     {"cam0_param_K_bad_tag_and_rows.yaml", Use::kCameraFile, "line 4: unsupported tag"},
+    {"stereo_param_bad_tag_and_cols.yaml", Use::kCameraFile, "line 5: unsupported tag"},
 };
 
 class BadInputsTest : public ToolTest {
