@@ -9,6 +9,8 @@ packages=(
   libgtest-dev libbenchmark-dev
   python3-dev pybind11-dev python3-pybind11 python3-numpy python3-pytest
   libdeflate-dev
+  gcovr                      # make coverage
+  clang libclang-rt-14-dev   # make check: sanitizers and libFuzzer
 )
 
 missing=()

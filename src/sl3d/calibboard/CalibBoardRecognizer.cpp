@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cfloat>
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
 
 #include <opencv2/highgui.hpp>
@@ -64,13 +65,17 @@ bool CalibBoardRecognizer::init_recognizer(CalibBoardParams& board_params) {
   if (board_params.unit_length <= 0.0 || board_params.n_circles_x < 1 ||
       board_params.n_circles_y < 1)
     return false;
+  // A marker count past the int range could not be indexed at all.
+  const std::int64_t count =
+      std::int64_t(board_params.n_circles_x) * std::int64_t(board_params.n_circles_y);
+  if (count > INT32_MAX) return false;
   board = board_params;
-  n_markers = board.n_circles_x * board.n_circles_y;
+  n_markers = static_cast<std::int32_t>(count);
   positions3d.resize(std::size_t(n_markers));
   const float unit = static_cast<float>(board.unit_length);
   for (int i = 0; i < board.n_circles_x; ++i)
     for (int j = 0; j < board.n_circles_y; ++j)
-      positions3d[std::size_t(i * board.n_circles_y + j)] =
+      positions3d[std::size_t(i) * std::size_t(board.n_circles_y) + std::size_t(j)] =
           cv::Point3f(unit * float(board.origin_x - i), unit * float(board.origin_y - j), 0.0f);
   return true;
 }
@@ -167,9 +172,9 @@ void CalibBoardRecognizer::numbering(int marker, int index, std::vector<cv::Poin
       step = px < 0 ? board.n_circles_y : -board.n_circles_y;
     else
       step = py < 0 ? 1 : -1;
-    const int next = index + step;
+    const std::int64_t next = std::int64_t(index) + step;  // near INT32_MAX markers
     if (next >= 0 && next < n_markers && owner[std::size_t(next)] == -1)
-      numbering(neighbour, next, points, owner);
+      numbering(neighbour, static_cast<int>(next), points, owner);
   }
 }
 

@@ -116,8 +116,9 @@ class SL3D_EXPORT CalibBoardRecognizer : public iCalibBoardRecognizer,
 
   int basemarker_process(int marker, int inner, std::vector<int>& flags) override = 0;
 
-  // Accepts a board with unit_length > 0 and both counts >= 1 (else false,
-  // nothing changed) and derives n_markers and positions3d: entry
+  // Accepts a board with unit_length > 0, both counts >= 1 and a marker
+  // count that fits an int32 (else false, nothing changed) and derives
+  // n_markers and positions3d: entry
   // i * n_circles_y + j = unit_length * (origin_x - i, origin_y - j, 0),
   // formed in single precision.
   bool init_recognizer(CalibBoardParams& board);

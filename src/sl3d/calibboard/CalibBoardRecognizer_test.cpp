@@ -70,10 +70,12 @@ TEST(CalibBoardRecognizer, BoardPositionsIndicesAndRange) {
   EXPECT_EQ(r.distance_between_circles, 1.7);
   EXPECT_EQ(r.image_size(), cv::Size(640, 480));  // the record's keyless words
 
-  // Invalid boards change nothing, the searcher's settings included.
+  // Invalid boards change nothing, the searcher's settings included. Marker
+  // counts past the int range (65536 x 65537 wraps to 65536) are invalid too.
   CircleMarkerParams other;
   for (CalibBoardParams bad : {board(3, 2, 0, 0, 0.0), board(0, 2, 0, 0, 1.0),
-                               board(3, 0, 0, 0, 1.0), board(3, 2, 0, 0, -1.0)})
+                               board(3, 0, 0, 0, 1.0), board(3, 2, 0, 0, -1.0),
+                               board(65536, 65537, 5, 3, 1.0), board(46341, 46341, 0, 0, 1.0)})
     EXPECT_FALSE(r.set_parameters(pre, other, bad));
   EXPECT_EQ(r.n_markers, 6);
   EXPECT_EQ(r.get_3d_position(0), expected[0]);

@@ -24,12 +24,14 @@ namespace sl3d {
 // rectified images keep the raw size (cv::stereoRectify with alpha -1).
 // The cameras are written under those names whatever their own names, and
 // with RT/RT_inv refreshed from the composed projection; `cams` itself is
-// not changed. Returns false when a file cannot be written; files written
-// before the failure stay.
+// not changed. Every file is read back after writing; returns false when
+// a file cannot be written or does not load back whole (a full disk), and
+// files written before the failure stay.
 SL3D_EXPORT bool store_calibration_directory(const DistortCamera* cams, const std::string& dir);
 
 // Only the two camera files, "cam0_param.yaml" and "cam1_param.yaml", as
-// above: enough for create_StereoCamera, which rectifies on loading.
+// above (read back too): enough for create_StereoCamera, which rectifies on
+// loading.
 SL3D_EXPORT bool store_camera_files(const DistortCamera* cams, const std::string& dir);
 
 }  // namespace sl3d

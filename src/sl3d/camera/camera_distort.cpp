@@ -5,6 +5,8 @@
 
 #include <opencv2/calib3d.hpp>
 
+#include <sl3d/camera/yaml_reader.h>
+
 namespace {
 
 [[noreturn]] void refuse_inverse() {
@@ -58,7 +60,7 @@ bool DistortCamera::save(cv::FileStorage* fs) {
 
 bool DistortCamera::load(cv::FileStorage* fs) {
   cv::FileStorage own;
-  if (!fs) own.open(name + "_param.yaml", cv::FileStorage::READ);
+  if (!fs) sl3d::open_yaml_storage(name + "_param.yaml", own);
   cv::FileStorage& in = fs ? *fs : own;
   if (!in.isOpened()) return false;
   // Null stays null: the base opens the file itself and may rename us.

@@ -5,6 +5,8 @@
 
 #include <opencv2/calib3d.hpp>
 
+#include <sl3d/camera/yaml_reader.h>
+
 namespace {
 
 const cv::Range kTop3(0, 3);
@@ -12,7 +14,13 @@ const cv::Range kTop3(0, 3);
 // Writes src into the view dst (same size) as doubles. Unlike copyTo, this
 // never silently reallocates dst, which would detach it from its parent.
 void write_into(const cv::Mat& src, cv::Mat dst) {
-  CV_Assert(src.rows == dst.rows && src.cols == dst.cols && src.channels() == 1);
+  if (src.rows != dst.rows || src.cols != dst.cols || src.channels() != 1) {
+    CV_Error(cv::Error::StsUnmatchedSizes,
+             "PinHoleCamera: a matrix of " + std::to_string(src.rows) + "x" +
+                 std::to_string(src.cols) + "x" + std::to_string(src.channels()) +
+                 " cannot fill a view of " + std::to_string(dst.rows) + "x" +
+                 std::to_string(dst.cols));
+  }
   src.convertTo(dst, CV_64F);
 }
 
@@ -130,7 +138,7 @@ bool PinHoleCamera::save(cv::FileStorage* fs) {
 
 bool PinHoleCamera::load(cv::FileStorage* fs) {
   cv::FileStorage own;
-  if (!fs) own.open(own_file_name(name), cv::FileStorage::READ);
+  if (!fs) sl3d::open_yaml_storage(own_file_name(name), own);
   cv::FileStorage& in = fs ? *fs : own;
   if (!in.isOpened()) return false;
   // The own file was named after the old name; its keys follow the new one.
@@ -180,6 +188,16 @@ bool PinHoleCamera::load_hmat(std::ifstream& is) {
   setPPM(ppm);
   return true;
 }
+
+namespace sl3d {
+
+void refresh_pose(PinHoleCamera& cam) {
+  cam.compose();
+  cv::Mat_<double> ppm = cam.P(kTop3, cv::Range(0, 4)).clone();
+  cam.setPPM(ppm);
+}
+
+}  // namespace sl3d
 
 cv::Point_<double> project3d_2d(cv::Mat_<double>& M, cv::Point3_<double>& X) {
   cv::Mat_<double> x = (cv::Mat_<double>(4, 1) << X.x, X.y, X.z, 1.0);

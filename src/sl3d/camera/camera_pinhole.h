@@ -101,4 +101,14 @@ class SL3D_EXPORT PinHoleCamera {
 // (y0, y1) / y2. No check for y2 == 0 (gives infinities).
 SL3D_EXPORT cv::Point_<double> project3d_2d(cv::Mat_<double>& M, cv::Point3_<double>& X);
 
+namespace sl3d {
+
+// Brings every pose member in line with K, R and T: compose() for P and
+// P_inv, then setPPM with the composed rows for RT and RT_inv, which
+// compose() leaves alone. K, R, T come back as the decomposition of P
+// (equal up to rounding for a proper rotation and positive focal lengths).
+SL3D_EXPORT void refresh_pose(PinHoleCamera& cam);
+
+}  // namespace sl3d
+
 #endif  // SL3D_CAMERA_CAMERA_PINHOLE_H_

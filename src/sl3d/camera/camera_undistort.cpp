@@ -6,6 +6,8 @@
 #include <vector>
 
 #include <opencv2/calib3d.hpp>
+
+#include <sl3d/camera/yaml_reader.h>
 #include <opencv2/imgproc.hpp>
 
 namespace {
@@ -78,7 +80,7 @@ bool UndistortCamera::save(cv::FileStorage* fs, std::string mapPath) {
 
 bool UndistortCamera::load(cv::FileStorage* fs, std::string mapPath) {
   cv::FileStorage own;
-  if (!fs) own.open(name + "_param.yaml", cv::FileStorage::READ);
+  if (!fs) sl3d::open_yaml_storage(name + "_param.yaml", own);
   cv::FileStorage& in = fs ? *fs : own;
   if (!in.isOpened()) return false;
   if (!PinHoleCamera::load(&in)) return false;

@@ -1,10 +1,14 @@
 #include <sl3d/camera/stereo_camera.h>
 
 #include <cfloat>
+#include <cmath>
 #include <fstream>
+#include <memory>
 #include <new>
 
 #include <opencv2/calib3d.hpp>
+
+#include <sl3d/camera/yaml_reader.h>
 
 namespace {
 
@@ -31,6 +35,29 @@ cv::Mat_<double> right_in_left_frame(const UndistortCamera& left, const Undistor
 
 void write_size(cv::FileStorage& fs, const std::string& key, const cv::Size& size) {
   fs << key << "[:" << size.width << size.height << "]";
+}
+
+bool all_finite(const cv::Mat& m) { return cv::checkRange(m); }
+
+// A camera whose pose members a projection can be computed from: every
+// matrix finite and the intrinsics invertible. A calibration file of NaN,
+// zeros or 1e308 fails here instead of giving non-finite points later.
+bool usable_camera(const PinHoleCamera& cam) {
+  for (const cv::Mat& m : {cv::Mat(cam.K), cv::Mat(cam.R), cam.T, cv::Mat(cam.P),
+                           cv::Mat(cam.P_inv), cv::Mat(cam.RT_inv)}) {
+    if (m.empty() || !all_finite(m)) return false;
+  }
+  const double det = cv::determinant(cam.K);
+  return std::isfinite(det) && det != 0.0;
+}
+
+bool usable_pair(const StereoCamera& pair) {
+  return usable_camera(pair.cameras[0]) && usable_camera(pair.cameras[1]) &&
+         pair.Q.rows == 4 && pair.Q.cols == 4 && all_finite(pair.Q);
+}
+
+bool usable_source(const DistortCamera& cam) {
+  return usable_camera(cam) && all_finite(cam.D) && cam.size.width > 0 && cam.size.height > 0;
 }
 
 cv::Size read_size(const cv::FileNode& node) {
@@ -286,8 +313,17 @@ bool StereoCamera::save(std::string dir) {
 }
 
 bool StereoCamera::load(std::string dir) {
-  cv::FileStorage fs(pair_file(dir, name), cv::FileStorage::READ);
-  if (!fs.isOpened()) return false;
+  // A malformed file is a failed load, not an exception out of it.
+  try {
+    return load_checked(dir);
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+bool StereoCamera::load_checked(const std::string& dir) {
+  cv::FileStorage fs;
+  if (!sl3d::open_yaml_storage(pair_file(dir, name), fs)) return false;
   name = fs["StereoName"].empty() ? std::string() : static_cast<std::string>(fs["StereoName"]);
   if (!cameras[0].load(&fs, dir + "/rect0.map")) return false;
   if (!cameras[1].load(&fs, dir + "/rect1.map")) return false;
@@ -300,30 +336,38 @@ bool StereoCamera::load(std::string dir) {
   cam1_R2 = cv::Mat_<double>(r1);
   fs.release();
   update_camdis();
-  return true;
+  // Q may be absent (it is read as empty), but what was stored must be
+  // finite.
+  return usable_camera(cameras[0]) && usable_camera(cameras[1]) && all_finite(Q);
 }
 
-StereoCamera* create_StereoCamera(std::vector<std::string> paths, cv::Size_<int> newSize,
-                                  double alpha, int flags, cv::Scalar_<double> fill0,
-                                  cv::Scalar_<double> fill1) {
+namespace {
+
+// The factories' bodies; they may throw on a malformed file, which the
+// factories turn into null.
+std::unique_ptr<StereoCamera> pair_from_camera_files(std::vector<std::string> paths,
+                                                     cv::Size newSize, double alpha, int flags,
+                                                     cv::Scalar fill0, cv::Scalar fill1) {
   if (paths.empty()) return nullptr;
   if (paths.size() == 1) paths.push_back(paths[0]);
   DistortCamera cams[2] = {DistortCamera(cv::Size(0, 0), ""), DistortCamera(cv::Size(0, 0), "")};
   for (int i = 0; i < 2; ++i) {
-    cv::FileStorage fs(paths[i], cv::FileStorage::READ);
-    if (!fs.isOpened()) return nullptr;
+    cv::FileStorage fs;
+    if (!sl3d::open_yaml_storage(paths[i], fs)) return nullptr;
     cams[i].name = "cam" + std::to_string(i);
-    if (!cams[i].load(&fs)) return nullptr;
+    if (!cams[i].load(&fs) || !usable_source(cams[i])) return nullptr;
     fs.release();
   }
-  return new (std::nothrow) StereoCamera(cams, alpha, flags, newSize, fill0, fill1);
+  std::unique_ptr<StereoCamera> pair(
+      new (std::nothrow) StereoCamera(cams, alpha, flags, newSize, fill0, fill1));
+  return pair && usable_pair(*pair) ? std::move(pair) : nullptr;
 }
 
-StereoCamera* create_StereoCamera_from_Hmats(std::string hmat0, std::string hmat1, std::string rect,
-                                             cv::Size_<int> size, cv::Scalar_<double> fill0,
-                                             cv::Scalar_<double> fill1) {
-  StereoCamera* sc = new (std::nothrow) StereoCamera(cv::Size(0, 0));
-  if (sc == nullptr) return nullptr;
+std::unique_ptr<StereoCamera> pair_from_hmats(const std::string& hmat0, const std::string& hmat1,
+                                              const std::string& rect, cv::Size size,
+                                              cv::Scalar fill0, cv::Scalar fill1) {
+  std::unique_ptr<StereoCamera> sc(new (std::nothrow) StereoCamera(cv::Size(0, 0)));
+  if (!sc) return nullptr;
   sc->cameras[0].fill = fill0;
   sc->cameras[1].fill = fill1;
   sc->cameras[0].size = size;
@@ -332,21 +376,40 @@ StereoCamera* create_StereoCamera_from_Hmats(std::string hmat0, std::string hmat
   const std::string hmats[2] = {hmat0, hmat1};
   for (int i = 0; i < 2; ++i) {
     std::ifstream in(hmats[i], std::ios::in | std::ios::binary);
-    if (!in.is_open() || !sc->cameras[i].load_hmat(in)) {
-      delete sc;
+    if (!in.is_open() || !sc->cameras[i].load_hmat(in) || !usable_camera(sc->cameras[i])) {
       return nullptr;
     }
   }
   std::ifstream tables(rect, std::ios::in | std::ios::binary);
-  if (!tables.is_open() || !LoadRectifyTables(sc->cameras, tables)) {
-    delete sc;
-    return nullptr;
-  }
+  if (!tables.is_open() || !LoadRectifyTables(sc->cameras, tables)) return nullptr;
   sc->recalculationQ();
   // The binary form stores no baseline; without it the sight-ray
   // triangulation could not run on a pair loaded this way.
-  sc->update_camdis();
-  return sc;
+  sc->camdis = cv::Mat_<double>(sc->cameras[1].get_center() - sc->cameras[0].get_center());
+  return usable_pair(*sc) ? std::move(sc) : nullptr;
+}
+
+}  // namespace
+
+StereoCamera* create_StereoCamera(std::vector<std::string> paths, cv::Size_<int> newSize,
+                                  double alpha, int flags, cv::Scalar_<double> fill0,
+                                  cv::Scalar_<double> fill1) {
+  try {
+    return pair_from_camera_files(std::move(paths), newSize, alpha, flags, fill0, fill1)
+        .release();
+  } catch (const std::exception&) {
+    return nullptr;
+  }
+}
+
+StereoCamera* create_StereoCamera_from_Hmats(std::string hmat0, std::string hmat1, std::string rect,
+                                             cv::Size_<int> size, cv::Scalar_<double> fill0,
+                                             cv::Scalar_<double> fill1) {
+  try {
+    return pair_from_hmats(hmat0, hmat1, rect, size, fill0, fill1).release();
+  } catch (const std::exception&) {
+    return nullptr;
+  }
 }
 
 bool store_StereoCamera_to_Hmats(StereoCamera* sc, std::string hmat0, std::string hmat1,

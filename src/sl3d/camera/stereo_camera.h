@@ -101,7 +101,9 @@ class SL3D_EXPORT StereoCamera {
   // files.
   bool save(std::string dir);
   // Reads the YAML form named after the current `name`; Q is used as
-  // stored. A failure after the left camera leaves the pair partly loaded.
+  // stored (empty when absent). False when a file does not open or read,
+  // or a stored matrix is not finite or a camera not invertible; never
+  // throws. A failure after the left camera leaves the pair partly loaded.
   bool load(std::string dir);
 
   UndistortCamera cameras[2];
@@ -114,23 +116,25 @@ class SL3D_EXPORT StereoCamera {
   cv::Mat_<double> camdis;
 
  private:
-  friend StereoCamera* create_StereoCamera_from_Hmats(std::string, std::string, std::string,
-                                                      cv::Size_<int>, cv::Scalar_<double>,
-                                                      cv::Scalar_<double>);
   void name_cameras();
   void update_camdis();
+  bool load_checked(const std::string& dir);
 };
 
 // Builds a rectified pair from two camera YAML files (each read as a
 // DistortCamera named "cam0"/"cam1"; one path is used for both). Null when
-// `paths` is empty, a file cannot be opened or a camera does not load.
+// `paths` is empty, a file cannot be opened or read, a camera does not
+// load or is not usable (a non-finite matrix, singular intrinsics, no
+// image size), or the rectified pair is not finite; never throws.
 SL3D_EXPORT StereoCamera* create_StereoCamera(std::vector<std::string> paths,
                                               cv::Size_<int> newSize, double alpha, int flags,
                                               cv::Scalar_<double> fill0,
                                               cv::Scalar_<double> fill1);
 
 // Builds a pair from the binary form (full paths), read in the order hmat0,
-// hmat1, rect; the first failure returns null. Q is recalculated and camdis
+// hmat1, rect; the first failure returns null. A record that is not a
+// usable projection (non-finite, or a singular left 3x3 block such as all
+// zeros) and a non-finite Q are failures too; never throws. Q is recalculated and camdis
 // derived from the two centres; cam0_R2 and cam1_R2 stay empty (the binary
 // form does not hold them).
 SL3D_EXPORT StereoCamera* create_StereoCamera_from_Hmats(std::string hmat0, std::string hmat1,

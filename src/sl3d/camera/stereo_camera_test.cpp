@@ -14,6 +14,7 @@
 #include <opencv2/calib3d.hpp>
 
 #include <sl3d/camera/stereo_camera.h>
+#include <sl3d/sim/sim_calibration.h>
 #include <sl3d/sim/virtual_sensor.h>
 
 namespace {
@@ -25,30 +26,11 @@ sl3d::SimRig small_rig() {
   return rig;
 }
 
-// The true cameras as a calibration delivers them: camera 0 in the world
-// frame, camera 1's pose relative to camera 0.
-void true_pair(DistortCamera* cams) {
-  const auto sim = sl3d::default_raw_cameras(small_rig());
-  const cv::Matx33d r0 = sim[0].cam_from_world_R, r1 = sim[1].cam_from_world_R;
-  const cv::Matx33d r_rel = r1 * r0.t();
-  const cv::Vec3d t_rel = sim[1].cam_from_world_t - r_rel * sim[0].cam_from_world_t;
-  const cv::Matx33d rotations[2] = {cv::Matx33d::eye(), r_rel};
-  const cv::Vec3d translations[2] = {cv::Vec3d(0, 0, 0), t_rel};
-  for (int i = 0; i < 2; ++i) {
-    cams[i].size = sim[i].size;
-    cams[i].K = cv::Mat_<double>(cv::Mat(sim[i].K));
-    cams[i].R = cv::Mat_<double>(cv::Mat(rotations[i]));
-    cams[i].T = cv::Mat(translations[i]).clone();
-    cams[i].D = cv::Mat_<double>(cv::Mat(sim[i].distortion)).reshape(1, 1).clone();
-    cams[i].compose();
-    cv::Mat_<double> ppm = cams[i].P(cv::Rect(0, 0, 4, 3)).clone();
-    cams[i].setPPM(ppm);
-  }
-}
-
 StereoCamera rectified_pair() {
+  // The true cameras as a calibration delivers them: camera 0 in the world
+  // frame, camera 1's pose relative to camera 0.
   DistortCamera cams[2] = {DistortCamera(cv::Size(0, 0), "cam0"), DistortCamera(cv::Size(0, 0), "cam1")};
-  true_pair(cams);
+  sl3d::calibrated_pair(sl3d::default_raw_cameras(small_rig()), cams);
   return StereoCamera(cams, -1.0, 0, cv::Size(0, 0), cv::Scalar(0), cv::Scalar(0));
 }
 
@@ -62,8 +44,10 @@ cv::Point2d rectify_point(const StereoCamera& pair, const DistortCamera& raw, in
 }
 
 TEST(StereoCamera, RectifiedMatchesShareARowAndTriangulateToTheTruth) {
+  // The true cameras as a calibration delivers them: camera 0 in the world
+  // frame, camera 1's pose relative to camera 0.
   DistortCamera cams[2] = {DistortCamera(cv::Size(0, 0), "cam0"), DistortCamera(cv::Size(0, 0), "cam1")};
-  true_pair(cams);
+  sl3d::calibrated_pair(sl3d::default_raw_cameras(small_rig()), cams);
   StereoCamera pair(cams, -1.0, 0, cv::Size(0, 0), cv::Scalar(0), cv::Scalar(0));
   EXPECT_TRUE(pair.is_horizontal_stereo());
   EXPECT_EQ(pair.cameras[0].name, "stereoL");
@@ -169,8 +153,10 @@ TEST_F(StereoDirectory, BinaryFormReloadsWithARecalculatedQ) {
 }
 
 TEST_F(StereoDirectory, CameraFilesAreRectifiedOnLoad) {
+  // The true cameras as a calibration delivers them: camera 0 in the world
+  // frame, camera 1's pose relative to camera 0.
   DistortCamera cams[2] = {DistortCamera(cv::Size(0, 0), "cam0"), DistortCamera(cv::Size(0, 0), "cam1")};
-  true_pair(cams);
+  sl3d::calibrated_pair(sl3d::default_raw_cameras(small_rig()), cams);
   for (int i = 0; i < 2; ++i) {
     cv::FileStorage out(path("cam" + std::to_string(i) + "_param.yaml"), cv::FileStorage::WRITE);
     ASSERT_TRUE(cams[i].save(&out));

@@ -1,10 +1,9 @@
 #ifndef SL3D_CLI_BOARD_PARAMS_H_
 #define SL3D_CLI_BOARD_PARAMS_H_
 
-// The three parameter records of a board recognizer, read from a key file:
-// flat YAML as cv::FileStorage writes it ("%YAML:1.0", "---") or plain
-// `key: value` lines, with '#' comments and blank lines. Every key belongs
-// to one record; values are numbers.
+// The three parameter records of a board recognizer, read from a key file
+// (key_file.h). Every key belongs to one record and has a range that real
+// boards and cameras stay inside.
 
 #include <string>
 
@@ -19,8 +18,9 @@ struct BoardRecords {
 };
 
 // Reads and checks the file; an unknown or repeated key, a value that is
-// not a number or that the recognizer cannot use is an error naming the
-// file (and the line or key). Keys left out keep the records' defaults.
+// not a number, out of its range or that the recognizer cannot use is an
+// error naming the file, the line and the key. Keys left out keep the
+// records' defaults; unit_length and the two counts must be given.
 BoardRecords read_board_params(const std::string& path);
 
 // The keys of each record, comma separated (for help texts).

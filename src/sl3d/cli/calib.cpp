@@ -4,6 +4,10 @@
 #include <filesystem>
 #include <fstream>
 
+#include <sl3d/camera/yaml_reader.h>
+
+#include "io.h"
+
 namespace fs = std::filesystem;
 
 namespace sl3d {
@@ -39,15 +43,13 @@ bool fail(CalibReport& r, const std::string& path, const std::string& problem) {
   return false;
 }
 
-// cv::FileStorage raises on malformed YAML; a file that does not open is
-// reported the same way.
-bool open_storage(const std::string& path, cv::FileStorage& storage) {
-  try {
-    storage.open(path, cv::FileStorage::READ);
-  } catch (const cv::Exception&) {
-    return false;
-  }
-  return storage.isOpened();
+// Through the library's guarded reader; `problem` says why it failed.
+bool open_storage(const std::string& path, cv::FileStorage& storage,
+                  std::string* problem = nullptr) {
+  std::string error;
+  if (open_yaml_storage(path, storage, &error)) return true;
+  if (problem != nullptr) *problem = yaml_problem(error);
+  return false;
 }
 
 cv::Size read_size_key(const std::string& path, const std::string& key) {
@@ -57,9 +59,21 @@ cv::Size read_size_key(const std::string& path, const std::string& key) {
     std::vector<int> wh;
     if (storage[key].isSeq()) storage[key] >> wh;
     if (wh.size() == 2 && wh[0] > 0 && wh[1] > 0) return cv::Size(wh[0], wh[1]);
-  } catch (const cv::Exception&) {
+  } catch (const std::exception&) {
   }
   return cv::Size();
+}
+
+// An absent key is no matrix to check; a present one must read as one.
+bool readable_matrix(const cv::FileNode& node) {
+  if (node.empty()) return true;
+  try {
+    cv::Mat m;
+    node >> m;
+    return !m.empty();
+  } catch (const std::exception&) {
+    return false;
+  }
 }
 
 bool usable_matrix(const cv::Mat& m) {
@@ -79,7 +93,7 @@ bool check_hmat(CalibReport& r, const std::string& path) {
   bool read = false;
   try {
     read = camera.load_hmat(in) && usable_matrix(camera.P);
-  } catch (const cv::Exception&) {
+  } catch (const std::exception&) {
     read = false;
   }
   return read || fail(r, path, "does not hold a valid projection matrix");
@@ -88,17 +102,17 @@ bool check_hmat(CalibReport& r, const std::string& path) {
 // The pair table starts with the pixel count of one map (int32).
 bool check_tables(CalibReport& r, const std::string& path) {
   if (!is_file(path)) return fail(r, path, "missing");
-  if (r.image_size.area() == 0) {
+  if (pixel_count(r.image_size) == 0) {
     return fail(r, path, "cannot be checked: no file states the image size (give --size WxH)");
   }
   std::ifstream in(path, std::ios::binary);
   std::int32_t count = 0;
   in.read(reinterpret_cast<char*>(&count), sizeof count);
   if (!in) return fail(r, path, "truncated: no table header");
-  if (count != r.image_size.area()) {
+  if (count != pixel_count(r.image_size)) {
     return fail(r, path,
                 "tables of " + std::to_string(count) + " pixels, " + size_text(r.image_size) +
-                    " images need " + std::to_string(r.image_size.area()) +
+                    " images need " + std::to_string(pixel_count(r.image_size)) +
                     " (corrupt, or made for another image size)");
   }
   in.seekg(0);
@@ -107,7 +121,7 @@ bool check_tables(CalibReport& r, const std::string& path) {
   bool loaded = false;
   try {
     loaded = LoadRectifyTables(cams, in);
-  } catch (const cv::Exception&) {
+  } catch (const std::exception&) {
     loaded = false;
   }
   return loaded || fail(r, path, "corrupt or truncated rectification tables");
@@ -124,7 +138,7 @@ void inspect_binary(CalibReport& r) {
   StereoCamera* pair = nullptr;
   try {
     pair = create_StereoCamera_from_Hmats(h0, h1, rect, r.image_size, cv::Scalar(), cv::Scalar());
-  } catch (const cv::Exception&) {
+  } catch (const std::exception&) {
     pair = nullptr;
   }
   if (pair == nullptr) {
@@ -138,21 +152,28 @@ void inspect_binary(CalibReport& r) {
 bool check_camera_file(CalibReport& r, const std::string& path, int index) {
   if (!is_file(path)) return fail(r, path, "missing");
   cv::FileStorage storage;
-  if (!open_storage(path, storage)) return fail(r, path, "not a valid YAML file");
+  std::string problem;
+  if (!open_storage(path, storage, &problem)) return fail(r, path, problem);
   const std::string name = "cam" + std::to_string(index);
   for (const char* key : {"_size", "_P"}) {
     if (storage[name + key].empty()) return fail(r, path, "missing key \"" + name + key + "\"");
+  }
+  // Each matrix on its own, so that the message names the one at fault.
+  for (const char* key : {"_K", "_R", "_T", "_P", "_D"}) {
+    if (!readable_matrix(storage[name + key])) {
+      return fail(r, path, "\"" + name + key + "\" is not a valid matrix");
+    }
   }
   DistortCamera camera(cv::Size(0, 0), name);
   bool loaded = false;
   try {
     loaded = camera.load(&storage) && usable_matrix(camera.P);
-  } catch (const cv::Exception&) {
+  } catch (const std::exception&) {
     loaded = false;
   }
   if (!loaded) return fail(r, path, "\"" + name + "_P\" is not a valid 3x4 projection matrix");
-  if (camera.size.area() <= 0) return fail(r, path, "\"" + name + "_size\" is not [width, height]");
-  if (r.image_size.area() > 0 && camera.size != r.image_size) {
+  if (pixel_count(camera.size) == 0) return fail(r, path, "\"" + name + "_size\" is not [width, height]");
+  if (pixel_count(r.image_size) > 0 && camera.size != r.image_size) {
     return fail(r, path,
                 "camera of " + size_text(camera.size) + ", the images are " +
                     size_text(r.image_size) + " (" + r.size_source + ")");
@@ -174,6 +195,8 @@ void inspect_cameras(CalibReport& r) {
     pair = create_StereoCamera(paths, r.image_size, -1.0, 0, cv::Scalar(), cv::Scalar());
   } catch (const cv::Exception& e) {
     reason += ": " + e.err;
+  } catch (const std::exception& e) {
+    reason += std::string(": ") + e.what();
   }
   if (pair == nullptr) {
     fail(r, r.dir, "camera files: " + reason);
@@ -190,7 +213,7 @@ bool check_map_file(CalibReport& r, const std::string& path) {
   bool loaded = false;
   try {
     loaded = load_map(in, map1) && load_map(in, map2) && map1.size() == map2.size();
-  } catch (const cv::Exception&) {
+  } catch (const std::exception&) {
     loaded = false;
   }
   return loaded || fail(r, path, "corrupt map file (bad header or truncated)");
@@ -201,9 +224,9 @@ void inspect_pair_yaml(CalibReport& r) {
   r.pair_yaml.state = FormState::kBroken;
   const std::string yaml = in_dir(r.dir, kPairFiles[0]);
   cv::FileStorage storage;
-  bool files_ok = is_file(yaml)
-                      ? open_storage(yaml, storage) || fail(r, yaml, "not a valid YAML file")
-                      : fail(r, yaml, "missing");
+  std::string problem;
+  bool files_ok = is_file(yaml) ? open_storage(yaml, storage, &problem) || fail(r, yaml, problem)
+                                : fail(r, yaml, "missing");
   storage.release();
   files_ok = check_map_file(r, in_dir(r.dir, kPairFiles[1])) && files_ok;
   files_ok = check_map_file(r, in_dir(r.dir, kPairFiles[2])) && files_ok;
@@ -213,7 +236,7 @@ void inspect_pair_yaml(CalibReport& r) {
   try {
     loaded = pair->load(r.dir) && !pair->Q.empty() && usable_matrix(pair->cameras[0].P) &&
              usable_matrix(pair->cameras[1].P);
-  } catch (const cv::Exception&) {
+  } catch (const std::exception&) {
     loaded = false;
   }
   if (!loaded) {
@@ -242,6 +265,11 @@ std::string form_summary(const CalibReport& r, FormState state, const char* cons
 
 }  // namespace
 
+std::int64_t pixel_count(cv::Size size) {
+  if (size.width <= 0 || size.height <= 0) return 0;
+  return static_cast<std::int64_t>(size.width) * size.height;
+}
+
 std::string size_text(cv::Size size) {
   return std::to_string(size.width) + "x" + std::to_string(size.height);
 }
@@ -259,9 +287,9 @@ const char* CalibReport::usable_form_name() const {
 
 StatedSize stated_image_size(const std::string& dir) {
   const cv::Size cam = read_size_key(in_dir(dir, "cam0_param.yaml"), "cam0_size");
-  if (cam.area() > 0) return {cam, "cam0_param.yaml"};
+  if (pixel_count(cam) > 0) return {cam, "cam0_param.yaml"};
   const cv::Size pair = read_size_key(in_dir(dir, "stereo_param.yaml"), "oldcamSize");
-  if (pair.area() > 0) return {pair, "stereo_param.yaml"};
+  if (pixel_count(pair) > 0) return {pair, "stereo_param.yaml"};
   return {};
 }
 
@@ -269,7 +297,7 @@ CalibReport inspect_calibration(const std::string& dir, cv::Size size,
                                 const std::string& size_source) {
   CalibReport r;
   r.dir = dir;
-  if (size.area() > 0) {
+  if (pixel_count(size) > 0) {
     r.image_size = size;
     r.size_source = size_source;
   } else {

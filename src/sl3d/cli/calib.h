@@ -12,6 +12,7 @@
 
 #include <sl3d/camera/stereo_camera.h>
 
+#include <cstdint>
 #include <memory>
 #include <opencv2/core.hpp>
 #include <string>
@@ -20,6 +21,9 @@
 namespace sl3d {
 
 std::string size_text(cv::Size size);  // "1280x1024"
+
+// width * height without int overflow; 0 unless both are positive.
+std::int64_t pixel_count(cv::Size size);
 
 struct CalibProblem {
   std::string path;  // the file (or the directory) at fault

@@ -116,7 +116,7 @@ void print_model(const CalibReport& r) {
 
 void print_report(const CalibReport& r) {
   std::printf("calibration directory %s\n", r.dir.c_str());
-  if (r.image_size.area() > 0) {
+  if (pixel_count(r.image_size) > 0) {
     std::printf("  image size %s (%s)\n", size_text(r.image_size).c_str(), r.size_source.c_str());
   } else {
     std::printf("  image size unknown (no YAML file states it; give --size WxH)\n");

@@ -22,8 +22,9 @@ int run_board(const std::vector<std::string>& args);
 std::string general_usage();
 std::string command_usage(const std::string& command);
 
-// Progress notes for long steps, shown only when stderr is a terminal so that
-// scripts see nothing but the result or one error line.
+// Progress notes for long steps on stderr, also when it is not a terminal
+// (a log shows where a long run is): "sl3d: progress: NOTE". Failures stay
+// one line of their own, without the "progress:" mark.
 void progress(const std::string& note);
 
 }  // namespace sl3d

@@ -20,6 +20,8 @@
 
 #include <opencv2/imgcodecs.hpp>
 
+#include <sl3d/camera/yaml_reader.h>
+
 #include "errors.h"
 #include "png_reader.h"
 
@@ -55,6 +57,14 @@ class StderrSilenced {
 };
 
 std::string errno_text() { return std::strerror(errno); }
+
+// True for a node that renaming a file over would destroy: a device, FIFO
+// or socket (followed through symbolic links).
+bool is_special_node(const std::string& path) {
+  std::error_code ec;
+  const fs::file_status status = fs::status(path, ec);
+  return fs::exists(status) && !fs::is_regular_file(status) && !fs::is_directory(status);
+}
 
 // Large blocks are asked for in transparent huge pages: a scan's frames are
 // tens of megabytes, written once, and each 4 KiB page would cost a fault.
@@ -158,6 +168,11 @@ cv::Mat read_grey_png(const std::string& path) {
   return image;
 }
 
+std::string yaml_problem(const std::string& reader_error) {
+  if (reader_error.rfind("line ", 0) != 0) return reader_error;
+  return "not a valid YAML file: " + reader_error;
+
+
 std::vector<cv::Mat> read_grey_pngs(const std::vector<std::string>& paths, int threads,
                                     std::vector<std::exception_ptr>& errors) {
   std::vector<cv::Mat> images(paths.size());
@@ -206,22 +221,9 @@ std::vector<cv::Mat> read_grey_pngs(const std::vector<std::string>& paths, int t
 }
 
 cv::FileStorage open_yaml(const std::string& path) {
-  const std::vector<unsigned char> bytes = read_file_bytes(path);
-  std::string text(bytes.begin(), bytes.end());
-  const std::size_t start = text.find_first_not_of(" \t\r\n");
-  // OpenCV takes a file without the directive for XML; JSON and XML files
-  // are left to OpenCV's own detection.
-  if (start == std::string::npos || (text.compare(start, 5, "%YAML") != 0 &&
-                                     text[start] != '{' && text[start] != '<')) {
-    text.insert(0, "%YAML:1.0\n");
-  }
   cv::FileStorage storage;
-  try {
-    storage.open(text, cv::FileStorage::READ | cv::FileStorage::MEMORY);
-  } catch (const cv::Exception&) {
-    throw file_error(path, "not a valid YAML file");
-  }
-  if (!storage.isOpened()) throw file_error(path, "not a valid YAML file");
+  std::string error;
+  if (!open_yaml_storage(path, storage, &error)) throw file_error(path, yaml_problem(error));
   return storage;
 }
 
@@ -286,6 +288,7 @@ void check_output_path(const std::string& path) {
   if (fs::path(path).filename().empty()) throw file_error(path, "output path has no file name");
   std::error_code ec;
   if (fs::is_directory(path, ec)) throw file_error(path, "is a directory");
+  if (is_special_node(path)) return;  // written through, the directory stays as it is
   check_parent_writable(path);
 }
 
@@ -320,13 +323,39 @@ void check_input_directory(const std::string& dir) {
   if (!fs::is_directory(dir, ec)) throw file_error(dir, "not a directory");
 }
 
-PendingFile::PendingFile(std::string final_path)
-    : final_path_(std::move(final_path)),
-      temp_path_(final_path_ + ".tmp" + std::to_string(::getpid())) {}
+namespace {
+
+// The file a write to `path` must replace: the target of a symbolic link,
+// so the link survives; `path` itself otherwise.
+std::string replacement_target(const std::string& path) {
+  std::error_code ec;
+  if (!fs::is_symlink(fs::symlink_status(path, ec))) return path;
+  const fs::path target = fs::canonical(path, ec);
+  if (ec) throw file_error(path, "is a symbolic link to nothing");
+  return target.string();
+}
+
+}  // namespace
+
+PendingFile::PendingFile(std::string final_path) : final_path_(std::move(final_path)) {
+  static int count = 0;
+  const std::string suffix = ".tmp" + std::to_string(::getpid()) + "_" + std::to_string(count++);
+  if (is_special_node(final_path_)) {
+    // Made whole in the temporary directory, then copied through at commit.
+    write_through_ = true;
+    target_path_ = final_path_;
+    temp_path_ = (fs::temp_directory_path() / ("sl3d_output" + suffix)).string();
+    return;
+  }
+  target_path_ = replacement_target(final_path_);
+  temp_path_ = target_path_ + suffix;
+}
 
 PendingFile::PendingFile(PendingFile&& other) noexcept
     : final_path_(std::move(other.final_path_)),
       temp_path_(std::move(other.temp_path_)),
+      target_path_(std::move(other.target_path_)),
+      write_through_(other.write_through_),
       committed_(other.committed_) {
   other.temp_path_.clear();
   other.committed_ = true;
@@ -335,6 +364,7 @@ PendingFile::PendingFile(PendingFile&& other) noexcept
 PendingFile::~PendingFile() {
   if (!committed_ && !temp_path_.empty()) std::remove(temp_path_.c_str());
 }
+
 
 void PendingFile::write(const void* data, std::size_t size) {
   std::FILE* f = std::fopen(temp_path_.c_str(), "wb");
@@ -348,8 +378,35 @@ void PendingFile::write(const void* data, std::size_t size) {
   if (std::fclose(f) != 0) throw file_error(final_path_, "write failed: " + errno_text());
 }
 
+namespace {
+
+void copy_file_into(const std::string& from, const std::string& to) {
+  std::ifstream in(from, std::ios::binary);
+  std::FILE* out = std::fopen(to.c_str(), "wb");
+  if (!in || out == nullptr) {
+    if (out != nullptr) std::fclose(out);
+    throw file_error(to, "cannot open for writing: " + errno_text());
+  }
+  char buffer[1 << 16];
+  bool ok = true;
+  while (ok && in.read(buffer, sizeof buffer).gcount() > 0) {
+    const std::size_t n = static_cast<std::size_t>(in.gcount());
+    ok = std::fwrite(buffer, 1, n, out) == n;
+  }
+  const std::string reason = errno_text();
+  if (std::fclose(out) != 0 || !ok) throw file_error(to, "write failed: " + reason);
+}
+
+}  // namespace
+
 void PendingFile::commit() {
-  if (std::rename(temp_path_.c_str(), final_path_.c_str()) != 0) {
+  if (write_through_) {
+    copy_file_into(temp_path_, target_path_);
+    std::remove(temp_path_.c_str());
+    committed_ = true;
+    return;
+  }
+  if (std::rename(temp_path_.c_str(), target_path_.c_str()) != 0) {
     throw file_error(final_path_, "cannot move into place: " + errno_text());
   }
   committed_ = true;
@@ -376,16 +433,21 @@ PendingDirectory::~PendingDirectory() {
 
 void PendingDirectory::commit() {
   std::error_code ec;
-  const std::string old = final_path_ + ".old" + std::to_string(::getpid());
-  const bool replacing = fs::exists(final_path_, ec);
-  if (replacing) {
-    fs::rename(final_path_, old, ec);
-    if (ec) throw file_error(final_path_, "cannot replace: " + ec.message());
+  if (!fs::exists(final_path_, ec)) {
+    fs::rename(temp_path_, final_path_, ec);
+    if (ec) throw file_error(final_path_, "cannot move into place: " + ec.message());
+    committed_ = true;
+    return;
   }
-  fs::rename(temp_path_, final_path_, ec);
-  if (ec) throw file_error(final_path_, "cannot move into place: " + ec.message());
+  // Only the files made here are replaced; whatever else the directory
+  // holds is the user's.
+  for (const fs::directory_entry& entry : fs::directory_iterator(temp_path_)) {
+    const fs::path target = fs::path(final_path_) / entry.path().filename();
+    fs::rename(entry.path(), target, ec);
+    if (ec) throw file_error(target.string(), "cannot move into place: " + ec.message());
+  }
   committed_ = true;
-  if (replacing) fs::remove_all(old, ec);
+  fs::remove_all(temp_path_, ec);
 }
 
 }  // namespace sl3d

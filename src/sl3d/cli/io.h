@@ -2,9 +2,11 @@
 #define SL3D_CLI_IO_H_
 
 // File input and output of the tool. Every reader names the offending file in
-// the CliError it throws. Outputs are written under a temporary name beside
-// their final path and renamed into place only when complete, so a failed run
-// leaves no partial file behind.
+// the CliError it throws. Outputs to a regular file (or a new one) are
+// written under a temporary name beside it and renamed into place only when
+// complete, so a failed run leaves no partial file behind; a symbolic link
+// keeps pointing where it did (its target is replaced), and a device, FIFO
+// or socket is written through, never replaced by a file.
 
 #include <array>
 #include <exception>
@@ -25,9 +27,14 @@ cv::Mat read_grey_png(const std::string& path);
 std::vector<cv::Mat> read_grey_pngs(const std::vector<std::string>& paths, int threads,
                                     std::vector<std::exception_ptr>& errors);
 
-// Opens a YAML file for reading. Files without OpenCV's "%YAML" first line
+// Opens a YAML file for reading through the library's guarded reader
+// (sl3d/camera/yaml_reader.h). Files without OpenCV's "%YAML" first line
 // are accepted too, as hand-written YAML usually lacks it.
 cv::FileStorage open_yaml(const std::string& path);
+
+// The one-line reason a YAML file did not open, as the guarded reader gave
+// it: "no such file", or "not a valid YAML file: line N: ...".
+std::string yaml_problem(const std::string& reader_error);
 
 // The 4x4 matrix stored under the key "Q" of a YAML file, row-major.
 std::array<double, 16> read_q_matrix(const std::string& path);
@@ -41,9 +48,9 @@ std::vector<unsigned char> encode_png(const cv::Mat& image, const std::string& p
 // missing or not writable, or that names a directory.
 void check_output_path(const std::string& path);
 
-// Refuses, before any work is done, an output directory (made whole and
-// then swapped into place) that names a file or whose parent directory is
-// missing or not writable. An existing directory will be replaced.
+// Refuses, before any work is done, an output directory that names a file
+// or whose parent directory is missing or not writable. An existing
+// directory keeps every file but those the tool writes into it.
 void check_output_directory_path(const std::string& dir);
 
 // "a/b/" -> "a/b"; "/" stays.
@@ -57,7 +64,9 @@ void check_input_directory(const std::string& dir);
 
 // An output file in the making: content goes to temp_path(); commit()
 // renames it to the final path. Destroying an uncommitted file removes the
-// temporary.
+// temporary. A final path naming a device, FIFO or socket is never
+// replaced: the content is made in the temporary directory and commit()
+// copies it through. One naming a symbolic link replaces the link's target.
 class PendingFile {
  public:
   explicit PendingFile(std::string final_path);
@@ -78,6 +87,8 @@ class PendingFile {
  private:
   std::string final_path_;
   std::string temp_path_;
+  std::string target_path_;  // what commit() writes: the final path or a link's target
+  bool write_through_ = false;
   bool committed_ = false;
 };
 
@@ -85,8 +96,10 @@ class PendingFile {
 void commit_all(std::vector<PendingFile>& files);
 
 // An output directory in the making, filled under a temporary name beside
-// the final one; commit() swaps it into place (replacing an older one).
-// Destroying an uncommitted directory removes the temporary.
+// the final one. commit() renames it into place when the final directory
+// does not exist, else moves its files into the existing directory one by
+// one, replacing files of the same names and leaving every other file
+// alone. Destroying an uncommitted directory removes the temporary.
 class PendingDirectory {
  public:
   explicit PendingDirectory(std::string final_path);

@@ -88,6 +88,8 @@ int main(int argc, char** argv) {
   // OpenCV logs its own errors, which would add lines to the single error
   // message; the tool reports every failure itself.
   cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
+  // Reports appear line by line also through a pipe (`sl3d demo | tee log`).
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
   const std::vector<std::string> args(argv + 1, argv + argc);
   try {
     return sl3d::dispatch(args);

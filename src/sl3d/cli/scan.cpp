@@ -1,5 +1,7 @@
 // `sl3d scan`: captures on disk -> point cloud (and depth preview) on disk.
 
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <regex>
@@ -142,7 +144,7 @@ Capture load_capture(Method method, const std::string& dir, int threads) {
 void check_calibration_size(const std::string& calib_dir, const Capture& capture,
                             const std::string& images_dir) {
   const StatedSize stated = stated_image_size(calib_dir);
-  if (stated.size.area() == 0 || stated.size == capture.size()) return;
+  if (pixel_count(stated.size) == 0 || stated.size == capture.size()) return;
   throw file_error(images_dir, "captures are " + size_text(capture.size()) +
                                    ", the calibration in " + calib_dir + " is for " +
                                    size_text(stated.size) + " images (" + stated.source + ")");
@@ -158,6 +160,25 @@ CameraSetup camera_setup(const ScanRequest& request) {
     setup.modes = {request.mode};
   }
   return setup;
+}
+
+// A scan that measured nothing, or points that are not finite, is no point
+// cloud; writing it would pass it off as one.
+void check_points(const ScanRequest& request, const Measurement& m) {
+  if (m.points.empty()) {
+    throw file_error(request.images_dir, std::string(method_name(request.method)) +
+                                             " measured no point; nothing written");
+  }
+  const auto finite = [](const PointCloudElement& p) {
+    return std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z);
+  };
+  const std::size_t bad = static_cast<std::size_t>(
+      std::count_if(m.points.begin(), m.points.end(), [&](const auto& p) { return !finite(p); }));
+  if (bad == 0) return;
+  const std::string source = request.calib_dir.empty() ? request.q_file : request.calib_dir;
+  throw file_error(source, "the calibration gives " + std::to_string(bad) + " of " +
+                               std::to_string(m.points.size()) +
+                               " points non-finite coordinates; nothing written");
 }
 
 void print_summary(const ScanRequest& request, const Measurement& m, double read_ms,
@@ -198,6 +219,7 @@ int run_scan(const std::vector<std::string>& args) {
   }
 
   const Measurement m = measure(request.method, capture, setup, params).front();
+  check_points(request, m);
 
   Stopwatch write;
   std::vector<PendingFile> outputs;

@@ -77,8 +77,10 @@ const char kScanHead[] =
     "  --threads N        threads for reading the PNGs and measuring (default 0:\n"
     "                     all cores; 1 keeps everything on one); the result\n"
     "                     is the same for every N\n"
-    "  --params FILE      YAML file overriding method parameters by field name;\n"
-    "                     keys left out keep their defaults. Keys:\n";
+    "  --params FILE      key file overriding method parameters by field name\n"
+    "                     (the same dialect as 'sl3d detect --params'); each\n"
+    "                     key once, inside its range; keys left out keep their\n"
+    "                     defaults. Keys:\n";
 
 const char kScanTail[] =
     "\n"
@@ -165,12 +167,14 @@ const char kDetectHead[] =
     "Options:\n"
     "  --board F       pellux: three rings (origin, x axis, y axis);\n"
     "                  quill: one ring, the origin\n"
-    "  --params FILE   the board and recognizer parameters: YAML as\n"
-    "                  cv::FileStorage writes it, or plain 'key: value' lines;\n"
-    "                  '#' starts a comment. Values are numbers (do_* keys 0\n"
-    "                  or 1, counts and bin_* whole numbers); keys left out\n"
-    "                  keep their defaults, unit_length, n_circles_x and\n"
-    "                  n_circles_y must be given. Keys:\n";
+    "  --params FILE   the board and recognizer parameters: flat YAML as\n"
+    "                  cv::FileStorage writes it ('%YAML:1.0', '---'), or plain\n"
+    "                  'key: value' lines; '#' starts a comment. Each key once;\n"
+    "                  values are numbers inside the key's range (do_* keys 0\n"
+    "                  or 1, counts and bin_* whole numbers, at most 1000\n"
+    "                  circles a side); keys left out keep their defaults,\n"
+    "                  unit_length, n_circles_x and n_circles_y must be given.\n"
+    "                  An error names the file, the line and the key. Keys:\n";
 
 const char kDetectTail[] =
     "  --result-dir DIR  for each recognized image write STEM_result.png (the\n"
@@ -204,8 +208,10 @@ const char kCalibrate[] =
     "  cam0_param.yaml, cam1_param.yaml   the calibrated cameras (\"cam0\" left)\n"
     "  stereo_param.yaml, rect0.map, rect1.map   the rectified pair\n"
     "  hmat0.dat, hmat1.dat, rect.param   its binary form\n"
-    "CALIBDIR is written whole under a temporary name and then replaces an\n"
-    "older one; a failed run leaves it as it was.\n"
+    "The files are made whole under a temporary name first; a failed run\n"
+    "leaves CALIBDIR as it was. An existing CALIBDIR keeps every other file:\n"
+    "only the eight files above are replaced. Every file is read back after\n"
+    "writing, so a full disk is an error, not a broken directory.\n"
     "\n"
     "Prints per image the recognition code and name, the markers numbered and\n"
     "the reprojection error of its view (nan when it was left out), then the\n"
@@ -407,7 +413,8 @@ std::string command_usage(const std::string& command) {
 }
 
 void progress(const std::string& note) {
-  if (::isatty(STDERR_FILENO)) std::fprintf(stderr, "sl3d: %s\n", note.c_str());
+  std::fflush(stdout);
+  std::fprintf(stderr, "sl3d: progress: %s\n", note.c_str());
 }
 
 }  // namespace sl3d
