@@ -171,7 +171,7 @@ cv::Mat read_grey_png(const std::string& path) {
 std::string yaml_problem(const std::string& reader_error) {
   if (reader_error.rfind("line ", 0) != 0) return reader_error;
   return "not a valid YAML file: " + reader_error;
-
+}
 
 std::vector<cv::Mat> read_grey_pngs(const std::vector<std::string>& paths, int threads,
                                     std::vector<std::exception_ptr>& errors) {
