@@ -184,6 +184,13 @@ CentreRefinement refine(StereoCalib& calib, std::vector<DistortCamera>& cams,
     result.code = recalibrate(calib, trial, corrected, trial_errors, step.rms, result.message);
     if (result.code != 0) break;
     record_change(good, trial, step);
+    if (!result.steps.empty() &&
+        step.intrinsics_change_px > result.steps.back().intrinsics_change_px) {
+      // Each step should move the cameras less than the one before; one
+      // that moves them more is chasing noise. Keep the calibration before.
+      result.message = "the cameras moved more than in the step before; stopped there";
+      break;
+    }
     step.mean_offset_px = stats.count > 0 ? stats.sum / stats.count : 0.0;
     step.max_offset_px = stats.max;
     result.steps.push_back(step);

@@ -97,7 +97,9 @@ struct SL3D_EXPORT CentreRefinement {
   int code = 3;
   std::string message;
   // True when the last step changed the intrinsics by no more than the
-  // tolerance; false when max_iterations ran out first.
+  // tolerance; false when max_iterations ran out first, or when a step
+  // moved the cameras more than the one before (that step is dropped, the
+  // calibration before it kept, and `message` says so).
   bool converged = false;
   std::vector<CentreRefinementStep> steps;
   // The observations of the last successful calibration: each measured
