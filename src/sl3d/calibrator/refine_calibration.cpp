@@ -8,6 +8,8 @@
 
 #include <opencv2/calib3d.hpp>
 
+#include <sl3d/calibrator/conic_fit.h>
+
 namespace sl3d {
 
 namespace {
@@ -39,6 +41,12 @@ cv::Point2d contour_mean(const std::vector<cv::Point2d>& polygon) {
     weight += w;
   }
   return weight > 0.0 ? sum * (1.0 / weight) : not_a_point();
+}
+
+cv::Point2d ellipse_centre(const std::vector<cv::Point2d>& outline) {
+  detail::Conic conic;
+  if (!detail::fit_conic(outline, conic) || !conic.is_ellipse()) return not_a_point();
+  return conic.centre();
 }
 
 // Board point of marker k in the camera frame lies in front of the camera.
@@ -101,7 +109,8 @@ std::vector<cv::Point2f> correct_view(iCalibBoardRecognizer& recognizer, const D
     const cv::Point3f centre = recognizer.get_3d_position(k);
     const cv::Point2d offset =
         circle_outline_offset(cv::Mat(cam.K), cv::Mat(cam.D), pose.rvec, pose.tvec, centre,
-                              options.circle_radius, options.outline_samples);
+                              options.circle_radius, options.outline_samples,
+                              options.outline_centre);
     if (!std::isfinite(offset.x) || !std::isfinite(offset.y)) continue;
     corrected[k] = cv::Point2f(float(measured[k].x - offset.x), float(measured[k].y - offset.y));
     stats.add(offset);
@@ -208,7 +217,7 @@ CentreRefinement refine(StereoCalib& calib, std::vector<DistortCamera>& cams,
 
 cv::Point2d circle_outline_offset(const cv::Mat& K, const cv::Mat& D, const cv::Vec3d& rvec,
                                   const cv::Vec3d& tvec, const cv::Point3d& centre,
-                                  double radius, int samples) {
+                                  double radius, int samples, OutlineCentre measure) {
   if (!(radius > 0.0) || samples < 8 || K.rows != 3 || K.cols != 3) return not_a_point();
   try {
     cv::Matx33d r;
@@ -227,7 +236,9 @@ cv::Point2d circle_outline_offset(const cv::Mat& K, const cv::Mat& D, const cv::
     std::vector<cv::Point2d> image;
     cv::projectPoints(board, rvec, tvec, K, D, image);
     const std::vector<cv::Point2d> outline(image.begin() + 1, image.end());
-    return contour_mean(outline) - image.front();
+    const cv::Point2d centre = measure == OutlineCentre::kEllipseFit ? ellipse_centre(outline)
+                                                                     : contour_mean(outline);
+    return centre - image.front();
   } catch (const std::exception&) {
     return not_a_point();
   }

@@ -17,7 +17,10 @@
 // Use refine_stereo_calibration after a first StereoCalib::exec: it predicts,
 // from that calibration, where each marker's true centre lies relative to
 // its outline centre, corrects the observations, calibrates again with the
-// same driver and repeats until the cameras stop moving.
+// same driver and repeats until the cameras stop moving. When the centres
+// were measured again with measure_marker_centres (marker_centres.h), set
+// outline_centre to OutlineCentre::kEllipseFit; calibrate_stereo_precisely
+// (precise_calibration.h) does both steps in one call.
 //
 //   StereoCalib calib(board_type);
 //   calib.set_parameters(cp, board, marker, pre);
@@ -43,14 +46,24 @@
 
 namespace sl3d {
 
+// How the centre of a marker's outline is measured: as the recognizer does
+// (the mean of the pixels of its binarised contour) or as
+// measure_marker_centres does (the centre of an ellipse fitted to edge
+// points spread evenly round the circle on the board). For an outline that
+// is an exact ellipse both give its centre; through a distorting lens they
+// differ by up to a few hundredths of a pixel, so the model must follow the
+// measurement.
+enum class OutlineCentre { kContourMean, kEllipseFit };
+
 // Where the outline of a board circle is measured, relative to the image of
 // its centre, for a camera (K and distortion D as DistortCamera holds them)
 // and the board's pose cam_from_board (Rodrigues rvec, tvec; board points
-// (X, Y, 0) in board units). The outline is sampled at `samples` points,
-// projected through the full camera model, and its centre taken as the mean
-// of the pixels an 8-connected contour of it would hold (each stretch of the
-// outline weighted by the number of contour pixels it spans, the larger of
-// its x and y extents), which is how the recognizer measures a marker.
+// (X, Y, 0) in board units). The outline is sampled at `samples` points
+// evenly spaced in angle on the board and projected through the full camera
+// model. kContourMean takes the mean of the pixels an 8-connected contour of
+// it would hold (each stretch of the outline weighted by the number of
+// contour pixels it spans, the larger of its x and y extents); kEllipseFit
+// the centre of the least-squares ellipse through the samples.
 //
 //   offset = outline_centre(project(centre + radius (cos t, sin t, 0)))
 //            - project(centre)
@@ -60,7 +73,8 @@ namespace sl3d {
 SL3D_EXPORT cv::Point2d circle_outline_offset(const cv::Mat& K, const cv::Mat& D,
                                               const cv::Vec3d& rvec, const cv::Vec3d& tvec,
                                               const cv::Point3d& centre, double radius,
-                                              int samples = 128);
+                                              int samples = 128,
+                                              OutlineCentre measure = OutlineCentre::kContourMean);
 
 struct SL3D_EXPORT CentreRefinementOptions {
   // Radius of the board's circles (of the outer outline of a ring marker),
@@ -73,6 +87,9 @@ struct SL3D_EXPORT CentreRefinementOptions {
   double tolerance_px = 0.002;
   // Outline samples per circle (circle_outline_offset).
   int outline_samples = 128;
+  // How the observations' centres were measured: kContourMean for the
+  // recognizer's own centres, kEllipseFit after measure_marker_centres.
+  OutlineCentre outline_centre = OutlineCentre::kContourMean;
 };
 
 // One recalibration.
