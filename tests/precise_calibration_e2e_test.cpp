@@ -79,5 +79,33 @@ TEST(PreciseCalibration, DemoSetReachesATenthOfAPixel) {
   EXPECT_LT(e.rotation_deg, 0.005);
 }
 
+TEST(PreciseCalibration, UnusableArgumentsAreReportedNotThrown) {
+  std::vector<DistortCamera> cams = {DistortCamera(cv::Size(0, 0), "cam0"),
+                                     DistortCamera(cv::Size(0, 0), "cam1")};
+  std::vector<std::vector<double>> errors(2);
+  std::vector<std::vector<std::vector<cv::Point2f>>> points(2);
+  points[0].resize(1);
+  std::vector<std::vector<cv::Mat>> images(2);
+  PreciseCalibrationOptions options;
+  options.refinement.circle_radius = 12.0;
+
+  StereoCalib unset;
+  EXPECT_EQ(calibrate_stereo_precisely(unset, images, points, cams, errors, options).code, 3);
+  SynthBoard board = synth_board(BoardFamily::kPellux, 5.0, BoardGrid::calibration());
+  StereoCalib calib(board_type(BoardFamily::kPellux));
+  CameraCalibParams cp;
+  ASSERT_TRUE(calib.set_parameters(cp, board.board, board.marker, board.pre));
+  PreciseCalibration r = calibrate_stereo_precisely(calib, images, points, cams, errors, options);
+  EXPECT_EQ(r.code, 3);  // one list of points without its image
+  EXPECT_FALSE(r.message.empty());
+  images[0].emplace_back(4, 4, CV_8UC3);
+  points[0][0].assign(88, cv::Point2f(1, 1));
+  r = calibrate_stereo_precisely(calib, images, points, cams, errors, options);
+  EXPECT_EQ(r.code, 3);  // not a grey image
+  options.remeasure = false;
+  options.refinement.circle_radius = 0.0;
+  EXPECT_EQ(calibrate_stereo_precisely(calib, images, points, cams, errors, options).code, 3);
+}
+
 }  // namespace
 }  // namespace sl3d

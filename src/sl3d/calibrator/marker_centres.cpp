@@ -28,7 +28,8 @@ constexpr int kLevelSamples = 3;
 // Grey levels marker and ground must differ by along a ray.
 constexpr double kMinContrast = 10.0;
 constexpr int kMinRays = 32, kMaxRays = 720;
-// Grid steps shorter than this, pixels, or nearly parallel, are not trusted.
+// Grid steps shorter than this, pixels, nearly parallel or longer than the
+// image are not trusted.
 constexpr double kMinStepPx = 4.0;
 constexpr double kMinStepSine = 0.2;
 // Edge points farther from the ellipse than this many robust deviations
@@ -79,7 +80,8 @@ struct Ray {
 
 // The image vector of one grid step along each of the board's directions
 // at marker k, from its neighbours (central differences where both exist).
-bool grid_steps(const std::vector<cv::Point2f>& points, cv::Size grid, int k, cv::Point2d steps[2]) {
+bool grid_steps(const std::vector<cv::Point2f>& points, cv::Size grid, int k, double max_step,
+                cv::Point2d steps[2]) {
   const int ny = grid.height;
   const int i = k / ny, j = k % ny;
   const cv::Point2d centre(points[k]);
@@ -102,7 +104,8 @@ bool grid_steps(const std::vector<cv::Point2f>& points, cv::Size grid, int k, cv
   if (!step(j > 0, k - 1, j + 1 < ny, k + 1, steps[1])) return false;
   const double a = std::hypot(steps[0].x, steps[0].y), b = std::hypot(steps[1].x, steps[1].y);
   const double cross = std::fabs(steps[0].x * steps[1].y - steps[0].y * steps[1].x);
-  return a >= kMinStepPx && b >= kMinStepPx && cross >= kMinStepSine * a * b;
+  return a >= kMinStepPx && b >= kMinStepPx && a <= max_step && b <= max_step &&
+         cross >= kMinStepSine * a * b;
 }
 
 // Roughly where the ray leaves the marker: going inwards from its end, the
@@ -238,10 +241,12 @@ struct Neighbourhood {
   cv::Point2d steps[2];
 };
 
-std::vector<Neighbourhood> neighbourhoods(const std::vector<cv::Point2f>& points, cv::Size grid) {
+std::vector<Neighbourhood> neighbourhoods(const std::vector<cv::Point2f>& points, cv::Size grid,
+                                          cv::Size image) {
+  const double max_step = std::max(image.width, image.height);
   std::vector<Neighbourhood> out(std::size_t(grid.area()));
   for (int k = 0; k < grid.area(); ++k)
-    out[k].usable = !missing(points[k]) && grid_steps(points, grid, k, out[k].steps);
+    out[k].usable = !missing(points[k]) && grid_steps(points, grid, k, max_step, out[k].steps);
   return out;
 }
 
@@ -284,7 +289,7 @@ MarkerCentreReport measure(const cv::Mat& image, cv::Size grid, std::vector<cv::
   MarkerCentreReport report;
   report.message = check_arguments(image, grid, points);
   if (!report.message.empty()) return report;
-  const std::vector<Neighbourhood> around = neighbourhoods(points, grid);
+  const std::vector<Neighbourhood> around = neighbourhoods(points, grid, image.size());
   report.dark_markers = markers_are_dark(image, points, around);
   const MarkerImage marker_image(image, report.dark_markers);
   std::vector<cv::Point2f> measured = points;

@@ -152,6 +152,15 @@ TEST(MarkerCentres, PolarityUnmeasuredMarkersAndBadArguments) {
   report = measure_marker_centres(view.image, set.grid, alone, drop);
   EXPECT_EQ(alone[k].x, FLT_MAX);
 
+  // Absurd entries are neither measured nor a danger to their neighbours'
+  // rays.
+  std::vector<cv::Point2f> absurd = view.found;
+  absurd[k] = cv::Point2f(1e30f, -1e30f);
+  absurd[k + 1] = cv::Point2f(std::nanf(""), 3.0f);
+  report = measure_marker_centres(view.image, set.grid, absurd);
+  EXPECT_TRUE(report.ok);
+  EXPECT_EQ(absurd[k], cv::Point2f(1e30f, -1e30f));
+
   std::vector<cv::Point2f> points = view.found;
   cv::Mat colour;
   cv::cvtColor(view.image, colour, cv::COLOR_GRAY2BGR);
