@@ -35,6 +35,8 @@ constexpr double kMinStepSine = 0.2;
 // Edge points farther from the ellipse than this many robust deviations
 // (but at least kMinRejectPx) are dropped before fitting again.
 constexpr double kRejectSigmas = 3.0;
+// The median absolute deviation of normal errors times this is their sigma.
+constexpr double kMadToSigma = 1.4826;
 constexpr double kMinRejectPx = 0.05;
 constexpr int kFitRounds = 3;
 
@@ -51,8 +53,9 @@ class MarkerImage {
   bool sample(const cv::Point2d& p, double& value) const {
     if (!(p.x >= 0.0 && p.y >= 0.0 && p.x <= image_.cols - 1 && p.y <= image_.rows - 1))
       return false;
-    const int x = std::min(int(p.x), image_.cols - 2 < 0 ? 0 : image_.cols - 2);
-    const int y = std::min(int(p.y), image_.rows - 2 < 0 ? 0 : image_.rows - 2);
+    // The last row and column interpolate from the one before.
+    const int x = std::min(int(p.x), std::max(0, image_.cols - 2));
+    const int y = std::min(int(p.y), std::max(0, image_.rows - 2));
     const double fx = p.x - x, fy = p.y - y;
     const uchar* row0 = image_.ptr<uchar>(y);
     const uchar* row1 = image_.ptr<uchar>(std::min(y + 1, image_.rows - 1));
@@ -197,7 +200,7 @@ bool robust_ellipse(std::vector<cv::Point2d> points, std::size_t min_points, det
     std::vector<double> distances;
     distances.reserve(points.size());
     for (const cv::Point2d& p : points) distances.push_back(conic.distance(p));
-    const double limit = std::max(kMinRejectPx, kRejectSigmas * 1.4826 * median_abs(distances));
+    const double limit = std::max(kMinRejectPx, kRejectSigmas * kMadToSigma * median_abs(distances));
     std::vector<cv::Point2d> kept;
     double sum = 0.0;
     for (std::size_t i = 0; i < points.size(); ++i) {
@@ -213,7 +216,7 @@ bool robust_ellipse(std::vector<cv::Point2d> points, std::size_t min_points, det
 }
 
 int ray_count(const MarkerCentreOptions& options, const cv::Point2d steps[2]) {
-  if (options.rays > 0) return options.rays;
+  if (options.rays > 0) return std::min(options.rays, kMaxRays);
   // About one ray per pixel of a circle half a grid step in radius.
   const double cell = std::fabs(steps[0].x * steps[1].y - steps[0].y * steps[1].x);
   return std::clamp(int(std::lround(kPi * std::sqrt(cell))), kMinRays, kMaxRays);
@@ -224,8 +227,9 @@ bool measure_marker(const MarkerImage& image, const cv::Point2d& recognised,
                     const cv::Point2d steps[2], const MarkerCentreOptions& options,
                     cv::Point2d& centre, double& residual) {
   const int rays = ray_count(options, steps);
-  const std::size_t min_points =
-      std::max<std::size_t>(5, std::size_t(std::ceil(options.min_ray_share * rays)));
+  const double share =
+      std::isfinite(options.min_ray_share) ? std::clamp(options.min_ray_share, 0.0, 1.0) : 1.0;
+  const std::size_t min_points = std::max<std::size_t>(5, std::size_t(std::ceil(share * rays)));
   const std::vector<cv::Point2d> edges = edge_points(image, recognised, steps, rays);
   detail::Conic conic;
   if (!robust_ellipse(edges, min_points, conic, residual)) return false;

@@ -52,8 +52,8 @@
 namespace sl3d {
 
 struct SL3D_EXPORT MarkerCentreOptions {
-  // Rays per marker; 0 chooses about one per pixel of the outline (at
-  // least 32, at most 720).
+  // Rays per marker (at most 720); 0 chooses about one per pixel of the
+  // outline, at least 32.
   int rays = 0;
   // A marker counts as not measured when its new centre lies farther than
   // this from the recognised one, pixels,
