@@ -35,10 +35,10 @@ const char kGeneral[] =
 
 const char kScanHead[] =
     "usage: sl3d scan --method phaseshift|sgbm --images DIR --q FILE -o OUT.ply\n"
-    "                 [EXPORTS] [--params FILE] [--threads N]\n"
+    "                 [EXPORTS] [--params FILE] [--threads N] [--no-filter]\n"
     "       sl3d scan --method phaseshift|sgbm --images DIR --calib DIR\n"
     "                 [--mode 0|1|2] -o OUT.ply [EXPORTS] [--params FILE]\n"
-    "                 [--threads N]\n"
+    "                 [--threads N] [--no-filter]\n"
     "EXPORTS: [--depth-png FILE [--depth-range MIN:MAX]] [--depth-tiff FILE]\n"
     "         [--xyz-tiff FILE]\n"
     "\n"
@@ -77,6 +77,14 @@ const char kScanHead[] =
     "  --threads N        threads for reading the PNGs and measuring (default 0:\n"
     "                     all cores; 1 keeps everything on one); the result\n"
     "                     is the same for every N\n"
+    "  --no-filter        keep every disparity the generator produced. By default\n"
+    "                     outliers are removed between matching and\n"
+    "                     triangulation: phase-shift pixels the decode rejected,\n"
+    "                     whole-pixel matches that cannot be refitted, pixels at\n"
+    "                     depth edges and at the borders of shadows and of the\n"
+    "                     lit area, and patches of fewer than 50 pixels (about\n"
+    "                     1 % of the points, most of those far from any surface);\n"
+    "                     the count removed is printed\n"
     "  --params FILE      key file overriding method parameters by field name\n"
     "                     (the same dialect as 'sl3d detect --params'); each\n"
     "                     key once, inside its range; keys left out keep their\n"
@@ -196,7 +204,8 @@ const char kDetectTail[] =
 const char kCalibrate[] =
     "usage: sl3d calibrate --board pellux|quill --params FILE\n"
     "                      --left L1.png L2.png ... --right R1.png R2.png ...\n"
-    "                      -o CALIBDIR [--flags N] [--focal F]\n"
+    "                      -o CALIBDIR [--flags N] [--focal F] [--radius R]\n"
+    "                      [--no-refine]\n"
     "\n"
     "Calibrates the sensor's two cameras from images of a circle-marker board\n"
     "taken by both at several poses (the i-th left and the i-th right image at\n"
@@ -227,11 +236,28 @@ const char kCalibrate[] =
     "  --left IMG...   the left camera's images (8-bit grey PNGs, one size)\n"
     "  --right IMG...  the right camera's images, in the same order\n"
     "  -o, --out DIR   the calibration directory to write\n"
-    "  --flags N       OpenCV calibration flags (cv::CALIB_*, default 0: both\n"
-    "                  cameras' intrinsics are refined again with the pose)\n"
+    "  --flags N       OpenCV calibration flags (cv::CALIB_*; default 128,\n"
+    "                  CALIB_FIX_K3: the lens is modelled by k1 k2 p1 p2, since\n"
+    "                  a free k3 fits the noise of the marker centres and bends\n"
+    "                  the image corners; both cameras' intrinsics are refined\n"
+    "                  again with the pose). 0 frees k3\n"
     "  --focal F       initial focal length in pixels, used with the flag\n"
     "                  CALIB_USE_INTRINSIC_GUESS (1); 0 ignores that flag for\n"
     "                  the single cameras\n"
+    "  --radius R      the circles' radius (a ring's outer one) in the unit of\n"
+    "                  unit_length; default: the key file's \"circle_radius\",\n"
+    "                  which 'sl3d board' and 'sl3d synth --boards' write\n"
+    "  --no-refine     calibrate from the recognizer's marker centres as they\n"
+    "                  are. By default every marker is measured again from the\n"
+    "                  image (edge points round its outline, an ellipse fit)\n"
+    "                  and, when the radius is known, the calibration is\n"
+    "                  refined for the circle-centre bias: under perspective\n"
+    "                  the centre of a circle's outline is not the image of its\n"
+    "                  centre. From the first calibration the offset of every\n"
+    "                  marker is predicted, the centres corrected and the pair\n"
+    "                  calibrated again until the cameras stop moving; each\n"
+    "                  step's RMS and change of the intrinsics is printed.\n"
+    "                  Without a radius the refinement is skipped, with a note\n"
     "\n"
     "Exit status: 0 calibrated and written; 1 an image or the params file\n"
     "could not be read, the images differ in size, a camera has no usable\n"
@@ -385,7 +411,8 @@ std::string detect_usage() {
   const std::string indent(19, ' ');
   return std::string(kDetectHead) + wrapped("pre-processing: " + pre_proc_keys(), indent) +
          wrapped("circle search: " + circle_marker_keys(), indent) +
-         wrapped("board: " + calib_board_keys(), indent) + kDetectTail;
+         wrapped("board: " + calib_board_keys(), indent) +
+         wrapped("read by calibrate only: " + tool_board_keys(), indent) + kDetectTail;
 }
 
 std::string scan_usage() {

@@ -9,13 +9,14 @@
 #include <opencv2/calib3d.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include <sl3d/pointcloud/threads.h>
 #include <sl3d/sim/sensor_effects.h>
 
 namespace sl3d {
 
 namespace {
 
-constexpr int kUsableCentrePeriod = 61;  // middle of the usable periods 25..96
+constexpr int kUsableCentrePeriod = 61;  // middle of the usable periods
 constexpr double kReferenceDepthMm = 1100.0;
 constexpr int kFrames = 13;
 
@@ -349,6 +350,51 @@ cv::Mat VirtualSensor::render_textured(int camera, const SimLight& light) const 
 
 cv::Mat VirtualSensor::render_textured(const SimCamera& camera, const SimLight& light) const {
   return render_texture(real_camera(camera), light);
+}
+
+bool VirtualSensor::measurable(const Hit& hit, const SimCamera& camera1) const {
+  const cv::Point2d pixel = projector_pixel(hit.point);
+  if (hit.normal.dot(projector_center_ - hit.point) <= 0.0 || !lit_by_projector(hit.point, pixel)) {
+    return false;
+  }
+  const int period = layout_.period_index(pixel.x);
+  if (period < kFirstUsablePeriod || period > kLastUsablePeriod) return false;
+  const cv::Vec3d centre1 = camera1.center();
+  const cv::Vec3d to_camera1 = centre1 - hit.point;
+  if (hit.normal.dot(to_camera1) <= 0.0) return false;
+  const cv::Point2d seen = camera1.project(hit.point);
+  if (!(seen.x >= -0.5 && seen.y >= -0.5 && seen.x <= camera1.size.width - 0.5 &&
+        seen.y <= camera1.size.height - 0.5)) {
+    return false;
+  }
+  // The first surface on camera 1's ray towards the point must be the point.
+  const double distance = cv::norm(to_camera1);
+  Hit first;
+  return cast(centre1, -to_camera1 / distance, first) && first.t > distance - 1e-6 * distance;
+}
+
+cv::Mat VirtualSensor::measurable_pixels(const SimCamera& camera0, const SimCamera& camera1) const {
+  constexpr int kSamples = 3;  // per side of a pixel
+  const RayCamera rays = real_camera(camera0);
+  cv::Mat mask(camera0.size, CV_8UC1, cv::Scalar(0));
+  // Rows split over the library's threads (sl3d::set_num_threads).
+  const int rows = camera0.size.height;
+  detail::run_chunks(detail::chunks_for(rows, 16), rows, [&](int, int begin, int end) {
+    std::vector<cv::Vec3d> dirs;
+    for (int v = begin; v < end; ++v) {
+      rays.row_rays(v, kSamples, dirs);
+      for (int u = 0; u < camera0.size.width; ++u) {
+        bool all = true;
+        for (int k = 0; k < kSamples * kSamples && all; ++k) {
+          Hit hit;
+          all = cast(rays.origin, dirs[std::size_t(u) * kSamples * kSamples + k], hit) &&
+                measurable(hit, camera1);
+        }
+        if (all) mask.at<std::uint8_t>(v, u) = 255;
+      }
+    }
+  });
+  return mask;
 }
 
 double VirtualSensor::distance_to_scene(const cv::Vec3d& point) const {
