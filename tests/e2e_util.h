@@ -83,15 +83,16 @@ inline PhaseShift* measure_raw_phase_shift(const std::string& dir,
   return gen;
 }
 
-// Points of a calibration come out in its left rectified camera's frame.
-// The binary form keeps no rectifying rotation; the YAML form of the same
-// directory does.
+// Points of a calibration come out in its left rectified camera's frame;
+// camera 0 of the tests' rigs sits at the world origin, so the rotation
+// alone takes them to the world.
 inline cv::Matx33d world_from_rect(const std::string& dir,
                                    const std::array<SimCamera, 2>& cameras) {
-  StereoCamera pair(cv::Size(0, 0));
-  EXPECT_TRUE(pair.load(dir));
-  const cv::Matx33d rect_from_cam0(cv::Mat(pair.cam0_R2));
-  return cam0_from_world(cameras).t() * rect_from_cam0.t();
+  cv::Matx33d rotation = cv::Matx33d::eye();
+  cv::Vec3d offset(0, 0, 0);
+  EXPECT_TRUE(sl3d::world_from_rect(dir, cameras, rotation, offset));
+  EXPECT_LT(cv::norm(offset), 1e-9);
+  return rotation;
 }
 
 struct SurfaceError {

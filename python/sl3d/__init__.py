@@ -57,6 +57,9 @@ from ._sl3d import (
     StereoCamera,
     UndistortCamera,
     __version__,
+    num_threads,
+    recommended_calibration_flags,
+    set_num_threads,
     store_calibration_directory,
     store_camera_files,
 )
@@ -65,9 +68,11 @@ version_info = tuple(int(part) for part in __version__.split("."))
 
 __all__ = [
     "BoardRecognizer", "CalibrationError", "CalibrationResult", "DistortCamera", "Error",
-    "FileError", "Generator", "OpenCVError", "PinHoleCamera", "PointCloud", "Recognition",
-    "StereoCalib", "StereoCamera", "UndistortCamera", "store_calibration_directory",
-    "store_camera_files", "version_info", "write_ply",
+    "FileError", "Generator", "OpenCVError", "PinHoleCamera", "PointCloud",
+    "PreciseCalibrationResult", "Recognition", "StereoCalib", "StereoCamera", "UndistortCamera",
+    "measure_marker_centres", "num_threads", "recommended_calibration_flags",
+    "set_num_threads", "store_calibration_directory", "store_camera_files", "version_info",
+    "write_ply",
 ]
 
 
@@ -133,6 +138,17 @@ class Generator(_sl3d.Generator):
         merged.update(values)
         self._setparams(merged)
 
+    def filter_disparities(self, **options):
+        """Removes outliers from the last exec's matches before genPC: for
+        phase shift the pixels the decode rejected and whole-pixel matches
+        that cannot be refitted; for both methods matches that jump from
+        their right or lower neighbour, sit mid-way on a steep ramp or next
+        to pixels without a match, and patches of fewer than 50 matches.
+        Options by the names of sl3d::DisparityFilterOptions
+        (max_neighbour_step=1.0, min_patch_size=50, ...). Returns a dict of
+        the counts removed by each test, "removed" and "kept"."""
+        return self._filter_disparities(options)
+
     def genPC(self, mode=0):
         """Triangulates the last exec's matches: mode 0 through Q; with a
         calibration directory also 1 (closest approach of the sight rays) or
@@ -182,3 +198,33 @@ class StereoCalib(_sl3d._StereoCalib):
         CalibrationResult; raises CalibrationError (code 1: a camera, 2: the
         pair) when it fails."""
         return CalibrationResult(*self._exec(left, right))
+
+    def exec_precisely(self, left, right, left_images, right_images, circle_radius=None,
+                       remeasure=True, refine=True):
+        """Calibrates as exec does, from the markers measured again in the
+        images (left_images[i] the image left[i] was recognised in), then
+        refines the calibration for the circle-centre bias: the centre of a
+        circle's imaged outline is not the image of its centre. Needs the
+        circles' radius in the unit of unit_length unless refine is False.
+        Returns a PreciseCalibrationResult; raises CalibrationError as exec."""
+        radius = 0.0 if circle_radius is None else float(circle_radius)
+        return PreciseCalibrationResult(*self._exec_precisely(
+            left, right, left_images, right_images, radius, remeasure, refine))
+
+
+PreciseCalibrationResult = namedtuple("PreciseCalibrationResult", "cameras errors rms report")
+PreciseCalibrationResult.__doc__ = """A CalibrationResult with `report`: markers
+remeasured / unmeasured, their mean and largest shift and edge residual (px),
+the first calibration's RMS, whether the refinement converged and its steps
+(rms, intrinsics_change_px, mean and max outline offset per step)."""
+
+
+def measure_marker_centres(image, points, grid):
+    """Measures every found marker of one image's recognition again from the
+    image: edge points round its outline, an ellipse fitted, its centre.
+    `points` (n, 2) with NaN for circles not found, as recognize returns
+    them; `grid` (n_circles_x, n_circles_y). Returns (points, report): a new
+    array (markers that cannot be measured keep the recognizer's centre) and
+    a dict of remeasured, unmeasured, dark_markers, mean_shift_px,
+    max_shift_px, mean_residual_px."""
+    return _sl3d._measure_marker_centres(image, points, grid)

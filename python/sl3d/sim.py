@@ -51,7 +51,8 @@ def board_views(family="pellux", width=640, height=480, views=None, noise=0.0, b
 def calibration_set(family="pellux", width=640, height=512, noise=1.0, blur=0.5):
     """Twelve views of an 11 x 8 board (30 mm) by both raw cameras. Returns a
     namespace: left, right (lists of images), left_centres, right_centres,
-    truth_index, truth_position, params, params_text, true_cameras."""
+    truth_index, truth_position, params, params_text, true_cameras,
+    circle_radius (mm, as unit_length)."""
     return types.SimpleNamespace(**_sl3d._calibration_set(family, width, height, noise, blur))
 
 

@@ -21,7 +21,10 @@
 #include <sl3d/calibboard/QuillCalibBoardRecognizer.h>
 #include <sl3d/calibboard/calib_board_params.h>
 #include <sl3d/calibrator/calibration_directory.h>
+#include <sl3d/calibrator/calibration_flags.h>
 #include <sl3d/calibrator/calibrator.h>
+#include <sl3d/calibrator/marker_centres.h>
+#include <sl3d/calibrator/precise_calibration.h>
 
 #include "arrays.h"
 #include "bindings.h"
@@ -359,6 +362,45 @@ class Calibrator {
     return py::make_tuple(cameras, py::make_tuple(to_array(errors[0]), to_array(errors[1])), rms);
   }
 
+  // calibrate_stereo_precisely: the markers measured again from the
+  // images and the calibration refined for the circle-centre bias.
+  py::tuple exec_precisely(const py::handle& left, const py::handle& right,
+                           const py::handle& left_images, const py::handle& right_images,
+                           double circle_radius, bool remeasure, bool refine) {
+    if (refine && !(std::isfinite(circle_radius) && circle_radius > 0.0)) {
+      throw py::value_error("circle_radius must be above 0 to refine (or refine=False)");
+    }
+    std::vector<std::vector<std::vector<cv::Point2f>>> points = {views(left, "left"),
+                                                                 views(right, "right")};
+    std::vector<std::vector<cv::Mat>> images = {image_list(left_images, "left_images"),
+                                                image_list(right_images, "right_images")};
+    for (int c = 0; c < 2; ++c) {
+      if (images[c].size() != points[c].size()) {
+        throw py::value_error("give one image per point array");
+      }
+    }
+    PreciseCalibrationOptions options;
+    options.remeasure = remeasure;
+    options.refine = refine;
+    options.refinement.circle_radius = circle_radius;
+    std::vector<DistortCamera> cams = {DistortCamera(cv::Size(0, 0), "cam0"),
+                                       DistortCamera(cv::Size(0, 0), "cam1")};
+    std::vector<std::vector<double>> errors(2);
+    const PreciseCalibration r = without_gil(lock_, [&] {
+      return calibrate_stereo_precisely(calib_, images, points, cams, errors, options);
+    });
+    if (r.code == 1 || r.code == 2) {
+      throw CalibrationFailure(r.code, r.code == 1 ? "a camera could not be calibrated"
+                                                   : "the pair could not be calibrated");
+    }
+    if (r.code != 0) throw LibraryError("calibration failed: " + r.message);
+    py::list cameras;
+    for (DistortCamera& cam : cams) cameras.append(py::cast(std::move(cam)));
+    const double rms = r.refinement.steps.empty() ? r.first_rms : r.refinement.steps.back().rms;
+    return py::make_tuple(cameras, py::make_tuple(to_array(errors[0]), to_array(errors[1])), rms,
+                          precise_report(r));
+  }
+
   py::tuple image_size() {
     const cv::Size size = without_gil(lock_, [&] { return calib_.recognizer->image_size(); });
     return py::make_tuple(size.width, size.height);
@@ -368,6 +410,39 @@ class Calibrator {
   const std::string& family() const { return family_; }
 
  private:
+  static std::vector<cv::Mat> image_list(const py::handle& value, const char* what) {
+    if (!py::isinstance<py::sequence>(value) || py::isinstance<py::str>(value)) {
+      throw py::type_error(std::string(what) + " must be a list of images");
+    }
+    std::vector<cv::Mat> out;
+    for (const py::handle& item : py::reinterpret_borrow<py::sequence>(value)) {
+      out.push_back(image_copy(item, what));
+    }
+    return out;
+  }
+
+  static py::dict precise_report(const PreciseCalibration& r) {
+    py::dict d;
+    d["remeasured"] = r.remeasured;
+    d["unmeasured"] = r.unmeasured;
+    d["mean_shift_px"] = r.mean_shift_px;
+    d["max_shift_px"] = r.max_shift_px;
+    d["mean_residual_px"] = r.mean_residual_px;
+    d["first_rms"] = r.first_rms;
+    d["converged"] = r.refinement.converged;
+    py::list steps;
+    for (const CentreRefinementStep& s : r.refinement.steps) {
+      py::dict step;
+      step["rms"] = s.rms;
+      step["intrinsics_change_px"] = s.intrinsics_change_px;
+      step["mean_offset_px"] = s.mean_offset_px;
+      step["max_offset_px"] = s.max_offset_px;
+      steps.append(step);
+    }
+    d["steps"] = steps;
+    return d;
+  }
+
   std::vector<std::vector<cv::Point2f>> views(const py::handle& value, const char* what) {
     if (!py::isinstance<py::sequence>(value) || py::isinstance<py::str>(value) ||
         py::isinstance<py::array>(value)) {
@@ -401,6 +476,32 @@ void store_directory(const py::handle& cameras, const py::handle& directory, boo
     throw LibraryError("the cameras cannot be rectified as a pair (" + e.err + ")");
   }
   if (!ok) throw FileError(dir + ": the calibration files could not be written");
+}
+
+// measure_marker_centres on a copy of one image's marker list.
+py::tuple measure_centres(const py::handle& image, const py::handle& points_value,
+                          const py::handle& grid_value) {
+  const cv::Mat copy = image_copy(image, "image");
+  const cv::Size grid = size_value(grid_value, "grid");
+  std::vector<cv::Point2f> points = points2f(points_value, "points", true);
+  if (static_cast<long>(points.size()) < static_cast<long>(grid.area())) {
+    throw py::value_error("points must hold one row per circle of the grid (" +
+                          std::to_string(grid.area()) + ")");
+  }
+  MarkerCentreReport report;
+  {
+    py::gil_scoped_release release;
+    report = measure_marker_centres(copy, grid, points);
+  }
+  if (!report.ok) throw py::value_error(report.message);
+  py::dict d;
+  d["remeasured"] = report.remeasured;
+  d["unmeasured"] = report.unmeasured;
+  d["dark_markers"] = report.dark_markers;
+  d["mean_shift_px"] = report.mean_shift_px;
+  d["max_shift_px"] = report.max_shift_px;
+  d["mean_residual_px"] = report.mean_residual_px;
+  return py::make_tuple(to_array(points, true), d);
 }
 
 }  // namespace
@@ -463,7 +564,17 @@ recognize releases the GIL; one recognizer serves one call at a time.)doc")
       .def_property_readonly("params", &Calibrator::params)
       .def_property_readonly("image_size", &Calibrator::image_size)
       .def("_recognize", &Calibrator::recognize, py::arg("image"))
-      .def("_exec", &Calibrator::exec, py::arg("left"), py::arg("right"));
+      .def("_exec", &Calibrator::exec, py::arg("left"), py::arg("right"))
+      .def("_exec_precisely", &Calibrator::exec_precisely, py::arg("left"), py::arg("right"),
+           py::arg("left_images"), py::arg("right_images"), py::arg("circle_radius"),
+           py::arg("remeasure"), py::arg("refine"));
+
+  m.def("recommended_calibration_flags", &recommended_calibration_flags,
+        py::arg("wide_angle") = false,
+        "The OpenCV flags a pair calibration should use unless the lens asks for others: "
+        "cv.CALIB_FIX_K3, or cv.CALIB_RATIONAL_MODEL for a wide-angle lens.");
+  m.def("_measure_marker_centres", &measure_centres, py::arg("image"), py::arg("points"),
+        py::arg("grid"));
 
   m.def(
       "store_calibration_directory",

@@ -18,6 +18,8 @@
 
 #include <sl3d/camera/stereo_camera.h>
 #include <sl3d/pointcloud/PointCloudGenerator.h>
+#include <sl3d/pointcloud/disparity_filter.h>
+#include <sl3d/pointcloud/threads.h>
 #include <sl3d/pointcloud/verbose.h>
 #include <sl3d/psft/psft.h>
 #include <sl3d/sgbm/sgbm.h>
@@ -120,6 +122,41 @@ struct Cloud {
   std::vector<std::uint8_t> grey;
   std::vector<std::int32_t> grid;
 };
+
+// DisparityFilterOptions from a dict keyed by its field names.
+DisparityFilterOptions filter_options(const py::dict& values) {
+  DisparityFilterOptions o;
+  const std::vector<std::pair<const char*, bool DisparityFilterOptions::*>> flags = {
+      {"drop_decode_rejected", &DisparityFilterOptions::drop_decode_rejected},
+      {"refit_integer_matches", &DisparityFilterOptions::refit_integer_matches},
+      {"check_all_sides", &DisparityFilterOptions::check_all_sides},
+      {"drop_unmatched_border", &DisparityFilterOptions::drop_unmatched_border}};
+  const std::vector<std::pair<const char*, double DisparityFilterOptions::*>> reals = {
+      {"max_neighbour_step", &DisparityFilterOptions::max_neighbour_step},
+      {"max_span_step", &DisparityFilterOptions::max_span_step},
+      {"max_patch_step", &DisparityFilterOptions::max_patch_step}};
+  for (const auto& item : values) {
+    const std::string key = key_name(item.first);
+    bool known = false;
+    for (const auto& [name, member] : flags) {
+      if (key != name) continue;
+      if (!py::isinstance<py::bool_>(item.second)) throw py::type_error(key + " must be a bool");
+      o.*member = item.second.cast<bool>();
+      known = true;
+    }
+    for (const auto& [name, member] : reals) {
+      if (key == name) o.*member = real_value(item.second, key), known = true;
+    }
+    if (key == "min_patch_size") o.min_patch_size = int_value(item.second, key), known = true;
+    if (!known) {
+      throw py::key_error("unknown filter option '" + key +
+                          "' (known: drop_decode_rejected, refit_integer_matches, "
+                          "max_neighbour_step, check_all_sides, max_span_step, "
+                          "drop_unmatched_border, min_patch_size, max_patch_step)");
+    }
+  }
+  return o;
+}
 
 class Generator {
  public:
@@ -236,6 +273,25 @@ class Generator {
     });
     executed_ = true;
     return matches;
+  }
+
+  // sl3d::filter_disparities between exec and genPC.
+  py::dict filter_disparities(const py::dict& values) {
+    require_init("filter_disparities");
+    if (!executed_) throw LibraryError("filter_disparities needs exec() first");
+    const DisparityFilterOptions options = filter_options(values);
+    const DisparityFilterReport r = with_generator([&](iPointCloudGenerator& gen) {
+      return sl3d::filter_disparities(static_cast<PointCloudGenerator&>(gen), options);
+    });
+    py::dict d;
+    d["decode_rejected"] = r.decode_rejected;
+    d["integer_unfit"] = r.integer_unfit;
+    d["integer_refitted"] = r.integer_refitted;
+    d["neighbour_step"] = r.neighbour_step;
+    d["small_patch"] = r.small_patch;
+    d["removed"] = r.removed();
+    d["kept"] = r.kept;
+    return d;
   }
 
   py::tuple genPC(int mode) {
@@ -504,12 +560,18 @@ one call at a time (calls from other threads wait).)doc")
       .def("rectify", &Generator::rectify, py::arg("image"), py::arg("camera"),
            py::arg("inplace") = false)
       .def("exec", &Generator::exec)
+      .def("_filter_disparities", &Generator::filter_disparities, py::arg("options"))
       .def("_genPC", &Generator::genPC, py::arg("mode") = 0)
       .def_property_readonly("q", &Generator::q_matrix, "The Q matrix (a copy), or None.")
       .def_property_readonly("stereo_camera", &Generator::stereo_model,
                              "A copy of the loaded stereo model, or None.")
       .def("close", &Generator::close);
 
+  m.def("set_num_threads", &set_num_threads, py::arg("n"),
+        "Threads the generators' exec and genPC may use, for all later calls: 1 (the "
+        "default) none besides the caller's, below 1 every hardware thread. Results are the "
+        "same for every count.");
+  m.def("num_threads", &num_threads, "The thread count set_num_threads resolved to.");
   m.def("_write_ply", &write_ply, py::arg("path"), py::arg("points"), py::arg("grey"),
         py::arg("range_grid"));
 }

@@ -302,6 +302,7 @@ py::dict calibration_set_of(const std::string& family_value, int width, int heig
     d[(std::string(side[camera]) + "_centres").c_str()] = centres;
   }
   d["true_cameras"] = distort_cameras(cameras);
+  d["circle_radius"] = board.layout.radius;
   return d;
 }
 

@@ -112,3 +112,39 @@ def test_threads_share_a_recognizer_one_call_at_a_time():
     for index, result in enumerate(results):
         assert result.code == 0
         assert np.array_equal(result.points, results[index % 2].points)
+
+
+def test_precise_calibration_and_the_disparity_filter(calibration_set, loaded):
+    flags = sl3d.recommended_calibration_flags()
+    calib = sl3d.StereoCalib("pellux", **calibration_set.params, flags=flags)
+    left = [calib.recognize(image).points for image in calibration_set.left]
+    right = [calib.recognize(image).points for image in calibration_set.right]
+    board = calibration_set.params["board"]
+    grid = (board["n_circles_x"], board["n_circles_y"])
+    measured, report = sl3d.measure_marker_centres(calibration_set.left[0], left[0], grid)
+    assert measured.shape == left[0].shape and report["remeasured"] >= 80
+    assert report["mean_residual_px"] < 0.1 and 0 < report["mean_shift_px"] < 0.5
+
+    def worst(result):
+        error = sim.calibration_error(result.cameras, 640, 512)
+        return max(abs(c[k]) for c in error["cameras"] for k in ("fx", "fy", "cx", "cy"))
+
+    precise = calib.exec_precisely(left, right, calibration_set.left, calibration_set.right,
+                                   calibration_set.circle_radius)
+    steps = precise.report["steps"]
+    assert precise.report["converged"] and len(steps) >= 2
+    assert steps[-1]["intrinsics_change_px"] < steps[0]["intrinsics_change_px"]
+    assert worst(precise) < min(0.3, worst(calib.exec(left, right)))
+    with pytest.raises(ValueError, match="circle_radius"):
+        calib.exec_precisely(left, right, calibration_set.left, calibration_set.right)
+
+    sl3d.set_num_threads(2)
+    assert sl3d.num_threads() == 2
+    matches = loaded.exec()
+    counts = loaded.filter_disparities()
+    sl3d.set_num_threads(1)
+    assert counts["kept"] + counts["removed"] == matches
+    assert 0 < counts["removed"] < 0.02 * counts["kept"]
+    assert len(loaded.genPC()) == counts["kept"]
+    with pytest.raises(KeyError, match="no_such_option"):
+        loaded.filter_disparities(no_such_option=1)

@@ -40,6 +40,7 @@ for camera in (0, 1):
         frame = cv2.imread(f"{caps}/cam{camera}_{index:02d}.png", cv2.IMREAD_UNCHANGED)
         gen.setpict(gen.rectify(frame, camera) if raw else frame, camera, index)
 gen.exec()
+gen.filter_disparities()  # as the tool does by default
 gen.genPC(max(mode, 0)).write_ply(out)
 """ % (TOOL_WIDTH, TOOL_HEIGHT)
 

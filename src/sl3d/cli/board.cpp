@@ -12,6 +12,7 @@
 
 #include "args.h"
 #include "board_family.h"
+#include "board_params.h"
 #include "commands.h"
 #include "errors.h"
 #include "io.h"
@@ -183,7 +184,8 @@ cv::Size write_board_print(const std::string& dir, const BoardPrint& print) {
   files.back().write(png_with_dpi(png, print.dpi, files.back().final_path()));
   files.emplace_back((fs::path(dir) / "board_params.yaml").string());
   files.back().write(board_key_text(board_keys(print.design, kPrintedBoardMinRadius),
-                                    key_file_comment(print.design)));
+                                    key_file_comment(print.design)) +
+                     circle_radius_key_text(print.design.radius));
   commit_all(files);
   return png.size();
 }

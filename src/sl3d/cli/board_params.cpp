@@ -2,6 +2,8 @@
 
 #include "key_file.h"
 
+#include <sstream>
+
 namespace sl3d {
 
 namespace {
@@ -33,11 +35,14 @@ const std::vector<KeyRule> kCalibBoardKeys = {
     {"origin_x", KeyKind::kInt, 0, kMaxCircles - 1},
     {"origin_y", KeyKind::kInt, 0, kMaxCircles - 1},
     {"distance_between_circles", KeyKind::kReal, 0, 100, true}};
+// Read by the tool, not by the recognizer.
+const std::vector<KeyRule> kToolKeys = {{"circle_radius", KeyKind::kReal, 0, 1e6, true}};
 
 std::vector<KeyRule> all_keys() {
   std::vector<KeyRule> keys = kPreProcKeys;
   keys.insert(keys.end(), kCircleMarkerKeys.begin(), kCircleMarkerKeys.end());
   keys.insert(keys.end(), kCalibBoardKeys.begin(), kCalibBoardKeys.end());
+  keys.insert(keys.end(), kToolKeys.begin(), kToolKeys.end());
   return keys;
 }
 
@@ -94,11 +99,24 @@ BoardRecords read_board_params(const std::string& path) {
   records.marker.set(marker);
   records.board.set(board);
   check_records(path, file, records);
+  const auto radius = file.values.find("circle_radius");
+  if (radius != file.values.end()) records.circle_radius = radius->second;
   return records;
 }
 
 std::string pre_proc_keys() { return key_names(kPreProcKeys); }
 std::string circle_marker_keys() { return key_names(kCircleMarkerKeys); }
 std::string calib_board_keys() { return key_names(kCalibBoardKeys); }
+std::string tool_board_keys() { return key_names(kToolKeys); }
+
+std::string circle_radius_key_text(double radius) {
+  std::ostringstream out;
+  out.precision(12);
+  out << "# calibration: the circles' radius in the unit of unit_length (the outer\n"
+         "# radius of a ring), for the correction of the circle-centre bias\n"
+         "circle_radius: "
+      << radius << "\n";
+  return out.str();
+}
 
 }  // namespace sl3d

@@ -9,6 +9,8 @@
 #include <opencv2/calib3d.hpp>
 
 #include <sl3d/calibrator/calibration_directory.h>
+#include <sl3d/calibrator/calibration_flags.h>
+#include <sl3d/calibrator/precise_calibration.h>
 
 #include "args.h"
 #include "commands.h"
@@ -170,6 +172,77 @@ CliError failure(int code, const std::vector<std::vector<double>>& errors,
                   "and its right image");
 }
 
+
+int calibrate_plainly(StereoCalib& calib,
+                      const std::vector<std::vector<std::vector<cv::Point2f>>>& points,
+                      CalibrationResult& result, std::vector<std::vector<double>>& errors) {
+  std::vector<std::vector<std::vector<cv::Point2f>>> observations = points;
+  try {
+    return calib.exec(result.cams, observations, errors, &result.stereo_rms);
+  } catch (const cv::Exception& e) {
+    throw CliError("calibration failed: OpenCV: " + one_line(e.err));
+  }
+}
+
+void print_remeasurement(const PreciseCalibration& p) {
+  std::printf("marker centres measured again from the images: %d markers, %d kept as "
+              "recognised; shift mean %.3f px, at most %.3f px; edge residual mean %.3f px\n",
+              p.remeasured, p.unmeasured, p.mean_shift_px, p.max_shift_px, p.mean_residual_px);
+  std::printf("first calibration: stereo RMS %.4f px\n", p.first_rms);
+}
+
+void print_refinement(const CentreRefinement& r) {
+  for (std::size_t i = 0; i < r.steps.size(); ++i) {
+    const CentreRefinementStep& s = r.steps[i];
+    std::printf("circle-centre refinement step %zu: offsets mean %.3f px, at most %.3f px; "
+                "stereo RMS %.4f px; intrinsics moved by at most %.4f px (cam0 fx %+.4f fy "
+                "%+.4f cx %+.4f cy %+.4f, cam1 fx %+.4f fy %+.4f cx %+.4f cy %+.4f)\n",
+                i + 1, s.mean_offset_px, s.max_offset_px, s.rms, s.intrinsics_change_px,
+                s.intrinsics_change[0][0], s.intrinsics_change[0][1], s.intrinsics_change[0][2],
+                s.intrinsics_change[0][3], s.intrinsics_change[1][0], s.intrinsics_change[1][1],
+                s.intrinsics_change[1][2], s.intrinsics_change[1][3]);
+  }
+  if (!r.converged && r.code == 0) warn("circle-centre refinement: " + r.message);
+}
+
+std::vector<std::vector<cv::Mat>> job_images(const CalibrationJob& job) {
+  std::vector<std::vector<cv::Mat>> images(2);
+  for (int side = 0; side < 2; ++side) {
+    for (const NamedImage& named : job.images[side]) images[side].push_back(named.image);
+  }
+  return images;
+}
+
+// Re-measured centres, a first calibration and, given the circles' radius,
+// the circle-centre refinement. A refinement that fails after a good first
+// calibration keeps that one, with a warning.
+int calibrate_precisely(StereoCalib& calib, const CalibrationJob& job,
+                        const std::vector<std::vector<std::vector<cv::Point2f>>>& points,
+                        CalibrationResult& result, std::vector<std::vector<double>>& errors) {
+  PreciseCalibrationOptions options;
+  options.refine = job.circle_radius > 0.0;
+  options.refinement.circle_radius = job.circle_radius;
+  if (!options.refine) {
+    std::printf("no circle radius (key \"circle_radius\" of the board key file, or --radius): "
+                "the circle-centre refinement is skipped\n");
+  }
+  const PreciseCalibration p =
+      calibrate_stereo_precisely(calib, job_images(job), points, result.cams, errors, options);
+  const bool first_done = !p.points.empty();
+  if (p.code == 3 || (p.code == 4 && !first_done)) {
+    throw CliError("calibration failed: " + one_line(p.message));
+  }
+  if (!first_done) return p.code;
+  print_remeasurement(p);
+  print_refinement(p.refinement);
+  result.stereo_rms = p.refinement.steps.empty() ? p.first_rms : p.refinement.steps.back().rms;
+  if (p.code != 0) {
+    warn("circle-centre refinement stopped (" + one_line(p.message) +
+         "); the calibration before it is kept");
+  }
+  return 0;
+}
+
 }  // namespace
 
 CalibrationResult calibrate_pair(const CalibrationJob& job) {
@@ -191,12 +264,8 @@ CalibrationResult calibrate_pair(const CalibrationJob& job) {
   result.cams = {DistortCamera(cv::Size(0, 0), "cam0"), DistortCamera(cv::Size(0, 0), "cam1")};
   std::vector<std::vector<double>> errors(2);
   progress("calibrating");
-  int code = 0;
-  try {
-    code = calib.exec(result.cams, points, errors, &result.stereo_rms);
-  } catch (const cv::Exception& e) {
-    throw CliError("calibration failed: OpenCV: " + one_line(e.err));
-  }
+  const int code = job.precise ? calibrate_precisely(calib, job, points, result, errors)
+                               : calibrate_plainly(calib, points, result, errors);
   // A failure is one line; warnings only accompany a calibration.
   if (code != 0) throw failure(code, errors, outcomes);
   for (int side = 0; side < 2; ++side) warn_left_out(job.images[side], outcomes[side]);
@@ -222,6 +291,8 @@ struct CalibrateRequest {
   std::string params_path;
   std::string out_dir;
   CameraCalibParams params;
+  bool precise = true;
+  double radius = 0.0;  // 0: the key file's, if any
   std::vector<std::string> images[2];
 };
 
@@ -248,11 +319,21 @@ CalibrateRequest parse_calibrate_args(const std::vector<std::string>& args) {
                                            {"--params", true},
                                            {"--out", true, "-o"},
                                            {"--flags", true},
-                                           {"--focal", true}});
+                                           {"--focal", true},
+                                           {"--radius", true},
+                                           {"--no-refine", false}});
   request.family = parse_board_family(kCommand, parsed.require("--board"));
   request.params_path = parsed.require("--params");
   request.out_dir = parsed.require("--out");
-  request.params.flags = parsed.get_int("--flags", 0, 0, 1 << 30);
+  // Unless told otherwise, k3 stays at 0: the free fifth coefficient fits
+  // the noise of the marker centres and bends the image corners.
+  request.params.flags =
+      parsed.get_int("--flags", recommended_calibration_flags(), 0, 1 << 30);
+  request.precise = !parsed.has("--no-refine");
+  request.radius = parsed.get_double("--radius", 0.0, 0.0, 1e6);
+  if (parsed.has("--radius") && request.radius <= 0.0) {
+    throw usage_error(kCommand, "--radius must be above 0");
+  }
   request.params.focal_length = parsed.get_double("--focal", 0.0, 0.0, 1e6);
   for (int side = 0; side < 2; ++side) {
     if (request.images[side].empty()) {
@@ -270,6 +351,8 @@ int run_calibrate(const std::vector<std::string>& args) {
   job.family = request.family;
   job.records = read_board_params(request.params_path);
   job.params = request.params;
+  job.precise = request.precise;
+  job.circle_radius = request.radius > 0.0 ? request.radius : job.records.circle_radius;
   check_output_directory_path(request.out_dir);
   for (int side = 0; side < 2; ++side) {
     for (const std::string& path : request.images[side]) {

@@ -27,6 +27,13 @@ struct CalibrationJob {
   BoardFamily family = BoardFamily::kPellux;
   BoardRecords records;
   CameraCalibParams params;
+  // Measure the markers again from the images and refine the calibration
+  // for the circle-centre bias (sl3d::calibrate_stereo_precisely); false
+  // calibrates from the recognizer's centres alone, as StereoCalib::exec
+  // does. The refinement needs the circles' radius (board units); without
+  // one the markers are still re-measured and the refinement is skipped.
+  bool precise = true;
+  double circle_radius = 0.0;
   std::vector<NamedImage> images[2];  // 0 left, 1 right; same index, same moment
 };
 
@@ -36,7 +43,9 @@ struct CalibrationResult {
   int stereo_views = 0;
 };
 
-// Recognises every image, calibrates the pair and prints, per image, the
+// Recognises every image, calibrates the pair (precisely, unless the job
+// says otherwise, reporting the re-measurement and each refinement step)
+// and prints, per image, the
 // recognition code and reprojection error (NaN for an image left out), then
 // the cameras and the stereo RMS. Warnings for images left out go to
 // stderr. Images must all have the size of the first one. A pair that

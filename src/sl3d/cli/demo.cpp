@@ -7,12 +7,14 @@
 // measured, and every point compared with the scene's true surfaces, next
 // to the same measurement through the true calibration.
 
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 
-#include <sl3d/camera/stereo_camera.h>
+#include <sl3d/calibrator/calibration_flags.h>
 #include <sl3d/sim/sim_calibration.h>
 #include <sl3d/sim/virtual_sensor.h>
 
@@ -147,6 +149,8 @@ DemoCalibration calibrate_from_boards(const std::string& out_dir, const SimRig& 
   CalibrationJob job;
   job.family = kDemoBoard;
   job.records = records;
+  job.params.flags = recommended_calibration_flags();
+  job.circle_radius = records.circle_radius;
   for (int side = 0; side < 2; ++side) {
     for (std::size_t view = 0; view < paths[side].size(); ++view) {
       job.images[side].push_back({paths[side][view], set.views[view].images[side].image});
@@ -196,8 +200,7 @@ void print_calibration_error(const DemoCalibration& calibration,
               e.rotation_deg);
 }
 
-// Points come out in the left rectified camera's frame; the YAML form keeps
-// the rotation from camera 0 into it, which the binary form lacks.
+// Points come out in the left rectified camera's frame of a calibration.
 struct WorldFromRect {
   cv::Matx33d rotation;
   cv::Vec3d offset;
@@ -206,25 +209,76 @@ struct WorldFromRect {
   }
 };
 
-WorldFromRect world_from_rect(const std::string& calib_dir,
-                              const std::array<SimCamera, 2>& cameras) {
-  StereoCamera pair(cv::Size(0, 0));
-  if (!pair.load(calib_dir) || pair.cam0_R2.rows != 3 || pair.cam0_R2.cols != 3) {
-    throw file_error(calib_dir, "stereo_param.yaml holds no rectifying rotation \"cam0_R2\"");
+// A calibration directory seen from the truth: how its points go to the
+// world and which pixels of its rectified camera 0 can be measured at all.
+struct CalibrationView {
+  const char* name;  // "recovered" or "true"
+  std::string dir;
+  WorldFromRect to_world;
+  cv::Mat measurable;  // CV_8UC1 on the range grid's pixels, 255 measurable
+  int measurable_count = 0;
+};
+
+CalibrationView calibration_view(const char* name, const std::string& dir,
+                                 const VirtualSensor& sensor,
+                                 const std::array<SimCamera, 2>& cameras) {
+  CalibrationView view{name, dir, {}, {}, 0};
+  SimCamera rectified;
+  if (!world_from_rect(dir, cameras, view.to_world.rotation, view.to_world.offset) ||
+      !rectified_camera(dir, cameras, rectified)) {
+    throw file_error(dir, "stereo_param.yaml holds no rectifying rotation \"cam0_R2\"");
   }
-  const cv::Matx33d rect_from_cam0(cv::Mat(pair.cam0_R2));
-  return {cam0_from_world(cameras).t() * rect_from_cam0.t(), cameras[0].center()};
+  progress(std::string("finding the measurable pixels through the ") + name + " calibration");
+  view.measurable = sensor.measurable_pixels(rectified, cameras[1]);
+  view.measurable_count = cv::countNonZero(view.measurable);
+  return view;
 }
 
-ErrorStats surface_error(const Measurement& m, const VirtualSensor& sensor,
-                         const WorldFromRect& to_world) {
-  std::vector<double> distances;
-  distances.reserve(m.points.size());
-  for (const PointCloudElement& p : m.points) {
-    distances.push_back(sensor.distance_to_scene(to_world(p)));
+// Distances of a measurement's points to the true surfaces.
+struct SurfaceStats {
+  double rms = 0.0, p95 = 0.0, max = 0.0;
+  int above_5mm = 0;
+};
+
+SurfaceStats surface_error(const Measurement& m, const VirtualSensor& sensor,
+                           const WorldFromRect& to_world) {
+  std::vector<double> d;
+  d.reserve(m.points.size());
+  for (const PointCloudElement& p : m.points) d.push_back(sensor.distance_to_scene(to_world(p)));
+  SurfaceStats stats;
+  if (d.empty()) return stats;
+  double sum_sq = 0.0;
+  for (double v : d) {
+    sum_sq += v * v;
+    stats.above_5mm += v > 5.0;
+    stats.max = std::max(stats.max, v);
   }
-  return error_stats(distances);
+  stats.rms = std::sqrt(sum_sq / d.size());
+  std::nth_element(d.begin(), d.begin() + d.size() * 95 / 100, d.end());
+  stats.p95 = d[d.size() * 95 / 100];
+  return stats;
 }
+
+// Share of the measurable pixels that got a point, percent.
+double measurable_coverage(const Measurement& m, const CalibrationView& view) {
+  if (view.measurable_count == 0 || view.measurable.total() != m.range_grid.size()) return 0.0;
+  const std::uint8_t* mask = view.measurable.ptr<std::uint8_t>();
+  std::size_t covered = 0;
+  for (std::size_t i = 0; i < m.range_grid.size(); ++i) covered += mask[i] != 0 && m.range_grid[i] >= 0;
+  return 100.0 * static_cast<double>(covered) / view.measurable_count;
+}
+
+// One line of the accuracy table.
+struct AccuracyRow {
+  Method method;
+  const char* calibration;
+  int mode;
+  std::size_t points;
+  int removed;
+  double coverage;  // of all pixels, percent
+  double measurable_coverage;
+  SurfaceStats error;
+};
 
 // Writes DIR/<method>.ply, DIR/<method>_depth.tiff (float depth, NaN where
 // no point) and DIR/<method>_depth.png (preview over `range`, with its
@@ -246,19 +300,30 @@ double write_outputs(const std::string& dir, Method method, const Measurement& m
   return watch.elapsed_ms();
 }
 
-void print_header(Method method, const Measurement& m, double render_ms) {
-  std::printf("%s (raw %dx%d, rectified through the calibration)\n", method_name(method),
-              m.width, m.height);
+void print_header(Method method, const Measurement& m, double render_ms, const char* calibration) {
+  std::printf("%s (raw %dx%d, rectified through the %s calibration)\n", method_name(method),
+              m.width, m.height, calibration);
   std::printf("  time: render %.0f ms, calibration %.1f ms, rectify %.1f ms, intake %.1f ms, "
-              "exec %.1f ms\n",
-              render_ms, m.calib_ms, m.rectify_ms, m.intake_ms, m.exec_ms);
+              "exec %.1f ms, filter %.1f ms\n",
+              render_ms, m.calib_ms, m.rectify_ms, m.intake_ms, m.exec_ms, m.filter_ms);
+  std::printf("  filter: %d of %d disparities removed (%.2f%% of those kept)\n",
+              m.filtered.removed(), m.records,
+              m.filtered.kept > 0 ? 100.0 * m.filtered.removed() / m.filtered.kept : 0.0);
 }
 
-void print_mode(const Measurement& m, const ErrorStats& error) {
-  std::printf("  mode %d: %zu points, coverage %.1f%%, distance to the true surface: RMS %.3f mm, "
-              "p95 %.3f mm, %d above 10 mm; genPC %.1f ms\n",
-              m.mode, m.points.size(), coverage_percent(m), error.rms_mm, error.p95_abs_mm,
-              error.gross, m.genpc_ms);
+AccuracyRow accuracy_row(Method method, const Measurement& m, const VirtualSensor& sensor,
+                         const CalibrationView& view) {
+  return {method,           view.name,          m.mode,
+          m.points.size(),  m.filtered.removed(), coverage_percent(m),
+          measurable_coverage(m, view), surface_error(m, sensor, view.to_world)};
+}
+
+void print_mode(const AccuracyRow& row, double genpc_ms) {
+  std::printf("  mode %d: %zu points, coverage %.1f%% of all pixels, %.2f%% of the measurable; "
+              "distance to the true surfaces: RMS %.3f mm, p95 %.3f mm, max %.2f mm, %d above "
+              "5 mm; genPC %.1f ms\n",
+              row.mode, row.points, row.coverage, row.measurable_coverage, row.error.rms,
+              row.error.p95, row.error.max, row.error.above_5mm, genpc_ms);
 }
 
 std::vector<Measurement> measure_through(Method method, const RenderedCapture& rendered,
@@ -271,33 +336,52 @@ std::vector<Measurement> measure_through(Method method, const RenderedCapture& r
   return measure(method, rendered.capture, setup, MethodParams());
 }
 
-// Measures, reports and writes the outputs of mode `modes[0]`; their
-// preview spans `range`, or when that is empty the depths measured, which
-// are returned.
-DepthRange run_method(Method method, const RenderedCapture& rendered,
-                      const std::vector<int>& modes, const std::string& calib_dir,
-                      const VirtualSensor& sensor, const WorldFromRect& to_world,
-                      const std::string& out_dir, DepthRange range) {
-  const std::vector<Measurement> results = measure_through(method, rendered, modes, calib_dir);
-  print_header(method, results.front(), rendered.render_ms);
-  for (const Measurement& m : results) print_mode(m, surface_error(m, sensor, to_world));
+const std::vector<int> kModes = {0, 1, 2};
+
+// Measures in every mode through `view`, reports, adds the rows to `rows`
+// and returns the measurements.
+std::vector<Measurement> measure_and_report(Method method, const RenderedCapture& rendered,
+                                            const VirtualSensor& sensor,
+                                            const CalibrationView& view,
+                                            std::vector<AccuracyRow>& rows) {
+  std::vector<Measurement> results = measure_through(method, rendered, kModes, view.dir);
+  print_header(method, results.front(), rendered.render_ms, view.name);
+  for (const Measurement& m : results) {
+    rows.push_back(accuracy_row(method, m, sensor, view));
+    print_mode(rows.back(), m.genpc_ms);
+  }
+  return results;
+}
+
+// Measures through the recovered calibration (writing the outputs of mode
+// 0, whose preview spans `range`, or when that is empty the depths
+// measured, which are returned) and, for comparison, through the true one:
+// what a perfect calibration would have given.
+DepthRange run_method(Method method, const RenderedCapture& rendered, const VirtualSensor& sensor,
+                      const CalibrationView& recovered, const CalibrationView& truth,
+                      const std::string& out_dir, DepthRange range,
+                      std::vector<AccuracyRow>& rows) {
+  const std::vector<Measurement> results =
+      measure_and_report(method, rendered, sensor, recovered, rows);
   if (range.empty()) range = percentile_range(depth_map(results.front()));
   std::printf("  write %.1f ms (mode %d)\n", write_outputs(out_dir, method, results.front(), range),
               results.front().mode);
+  measure_and_report(method, rendered, sensor, truth, rows);
   return range;
 }
 
-// The same phase-shift capture through the true cameras' calibration: what
-// a perfect calibration would have given.
-void compare_with_true_calibration(const RenderedCapture& rendered, const std::string& true_dir,
-                                   const VirtualSensor& sensor,
-                                   const std::array<SimCamera, 2>& cameras) {
-  const std::vector<Measurement> results =
-      measure_through(Method::kPhaseShift, rendered, {0}, true_dir);
-  std::printf("%s through the true calibration, for comparison\n",
-              method_name(Method::kPhaseShift));
-  print_mode(results.front(), surface_error(results.front(), sensor,
-                                            world_from_rect(true_dir, cameras)));
+void print_accuracy_table(const std::vector<AccuracyRow>& rows, const CalibrationView& recovered,
+                          const CalibrationView& truth) {
+  std::printf("accuracy against the true scene (measurable pixels: %d through the recovered "
+              "calibration, %d through the true one):\n",
+              recovered.measurable_count, truth.measurable_count);
+  std::printf("  %-10s %-9s %4s %9s %8s %10s %8s %8s %8s %6s\n", "method", "calib", "mode",
+              "points", "filtered", "measurable", "RMS mm", "p95 mm", "max mm", ">5 mm");
+  for (const AccuracyRow& r : rows) {
+    std::printf("  %-10s %-9s %4d %9zu %8d %9.2f%% %8.3f %8.3f %8.2f %6d\n",
+                method_name(r.method), r.calibration, r.mode, r.points, r.removed,
+                r.measurable_coverage, r.error.rms, r.error.p95, r.error.max, r.error.above_5mm);
+  }
 }
 
 }  // namespace
@@ -314,14 +398,16 @@ int run_demo(const std::vector<std::string>& args) {
   const DemoCalibration calibration = calibrate_from_boards(out_dir, sensor.rig(), printed);
   print_calibration_error(calibration, cameras);
 
-  const WorldFromRect to_world = world_from_rect(calibration.dir, cameras);
-  const RenderedCapture phase_shift = render_phase_shift(sensor, cameras);
+  const CalibrationView recovered =
+      calibration_view("recovered", calibration.dir, sensor, cameras);
+  const CalibrationView truth = calibration_view("true", calibration.true_dir, sensor, cameras);
+  std::vector<AccuracyRow> rows;
   // Both previews share the phase-shift result's depth range, so they compare.
-  const DepthRange range = run_method(Method::kPhaseShift, phase_shift, {0, 1, 2},
-                                      calibration.dir, sensor, to_world, out_dir, DepthRange());
-  compare_with_true_calibration(phase_shift, calibration.true_dir, sensor, cameras);
-  run_method(Method::kSgbm, render_textured_pair(sensor, cameras), {0}, calibration.dir, sensor,
-             to_world, out_dir, range);
+  const DepthRange range = run_method(Method::kPhaseShift, render_phase_shift(sensor, cameras),
+                                      sensor, recovered, truth, out_dir, DepthRange(), rows);
+  run_method(Method::kSgbm, render_textured_pair(sensor, cameras), sensor, recovered, truth,
+             out_dir, range, rows);
+  print_accuracy_table(rows, recovered, truth);
   std::printf("outputs in %s: the board to print in %s/, projector frames in %s/, board views "
               "in %s/, calibration in %s/; depth previews span %.0f..%.0f mm\n",
               out_dir.c_str(), kPrintSubdir, kPatternsSubdir, kBoardsSubdir, kCalibSubdir,

@@ -6,6 +6,7 @@
 #include <memory>
 
 #include <sl3d/camera/stereo_camera.h>
+#include <sl3d/pointcloud/verbose.h>
 
 #include "calib.h"
 #include "errors.h"
@@ -49,7 +50,7 @@ GeneratorPtr make_generator(Method method, cv::Size size) {
   }
   // The library would announce its loading routes on stdout, amid the
   // tool's own report; the tool explains a failed load itself.
-  static_cast<PointCloudGenerator&>(*gen).verbose = 0;
+  set_verbose(gen.get(), false);
   return gen;
 }
 
@@ -199,6 +200,12 @@ std::vector<Measurement> measure(Method method, const Capture& capture, const Ca
   Stopwatch exec;
   gen->exec();
   common.exec_ms = exec.elapsed_ms();
+  common.records = static_cast<PointCloudGenerator&>(*gen).get_disparity_cnt();
+  if (setup.filter) {
+    const Stopwatch filter;
+    common.filtered = filter_disparities(static_cast<PointCloudGenerator&>(*gen));
+    common.filter_ms = filter.elapsed_ms();
+  }
 
   // Every earlier genPC's grid cells are cleared before the next mode, which
   // (modes 1 and 2) would otherwise keep them where it gives no point; the

@@ -13,6 +13,7 @@
 #include <opencv2/core.hpp>
 
 #include <sl3d/pointcloud/PointCloudGenerator.h>
+#include <sl3d/pointcloud/disparity_filter.h>
 
 #include "method.h"
 
@@ -56,6 +57,9 @@ struct CameraSetup {
   std::array<double, 16> q{};
   std::string calib_dir;  // non-empty: raw captures
   std::vector<int> modes = {0};
+  // Run sl3d::filter_disparities between exec and genPC: the tool removes
+  // the generators' outliers at depth edges and light borders by default.
+  bool filter = true;
 };
 
 struct Measurement {
@@ -67,10 +71,15 @@ struct Measurement {
   ArrayView<PointCloudElement> points;
   ArrayView<int> range_grid;  // per pixel, row-major: point index or -1
   std::shared_ptr<const void> storage;
+  // Disparity records exec produced, and what the filter removed (all zero
+  // without the filter).
+  int records = 0;
+  DisparityFilterReport filtered;
   double calib_ms = 0.0;        // loading the calibration directory
   double rectify_ms = 0.0;
   double intake_ms = 0.0;       // init, Q, parameters, images
   double exec_ms = 0.0;
+  double filter_ms = 0.0;
   double genpc_ms = 0.0;
 };
 

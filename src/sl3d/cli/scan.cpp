@@ -36,6 +36,7 @@ struct ScanRequest {
   ScanExports exports;      // preview and float images, when asked for
   std::string params_file;  // empty: defaults
   int threads = 0;          // 0: every hardware thread
+  bool filter = true;       // sl3d::filter_disparities after exec
 };
 
 ScanRequest parse_scan_args(const std::vector<std::string>& args) {
@@ -46,7 +47,8 @@ ScanRequest parse_scan_args(const std::vector<std::string>& args) {
                                     {"--mode", true},
                                     {"--output", true, "-o"},
                                     {"--params", true},
-                                    {"--threads", true}};
+                                    {"--threads", true},
+                                    {"--no-filter", false}};
   for (const OptionDef& option : scan_export_options()) options.push_back(option);
   const ParsedArgs parsed = parse_options(kCommand, args, options);
   ScanRequest request;
@@ -69,6 +71,7 @@ ScanRequest parse_scan_args(const std::vector<std::string>& args) {
   request.exports = parse_scan_exports(kCommand, parsed, request.ply_file);
   request.params_file = parsed.get("--params", "");
   request.threads = parsed.get_int("--threads", 0, 0, 1024);
+  request.filter = !parsed.has("--no-filter");
   if (parsed.has("--params") && request.params_file.empty()) {
     throw usage_error(kCommand, "--params needs a non-empty value");
   }
@@ -159,6 +162,7 @@ CameraSetup camera_setup(const ScanRequest& request) {
     setup.calib_dir = request.calib_dir;
     setup.modes = {request.mode};
   }
+  setup.filter = request.filter;
   return setup;
 }
 
@@ -186,12 +190,23 @@ void print_summary(const ScanRequest& request, const Measurement& m, double read
   std::printf("%s: %zu points, coverage %.1f%% of %dx%d pixels", method_name(request.method),
               m.points.size(), coverage_percent(m), m.width, m.height);
   if (!request.calib_dir.empty()) std::printf(", mode %d", m.mode);
-  std::printf("\ntime: ");
+  std::printf("\n");
+  if (request.filter) {
+    const DisparityFilterReport& f = m.filtered;
+    std::printf("filter: removed %d of %d disparities (%.2f%% of those kept): %d decode-rejected, "
+                "%d unfit integer matches, %d at steps and borders, %d in small patches; %d "
+                "integer matches refitted\n",
+                f.removed(), m.records, f.kept > 0 ? 100.0 * f.removed() / f.kept : 0.0,
+                f.decode_rejected, f.integer_unfit, f.neighbour_step, f.small_patch,
+                f.integer_refitted);
+  }
+  std::printf("time: ");
   if (!request.calib_dir.empty()) {
     std::printf("calibration %.1f ms, rectify %.1f ms, ", m.calib_ms, m.rectify_ms);
   }
-  std::printf("intake %.1f ms, exec %.1f ms, genPC %.1f ms, write %.1f ms\n",
-              read_ms + m.intake_ms, m.exec_ms, m.genpc_ms, write_ms);
+  std::printf("intake %.1f ms, exec %.1f ms, ", read_ms + m.intake_ms, m.exec_ms);
+  if (request.filter) std::printf("filter %.1f ms, ", m.filter_ms);
+  std::printf("genPC %.1f ms, write %.1f ms\n", m.genpc_ms, write_ms);
   std::printf("wrote %s", request.ply_file.c_str());
   for (const std::string& path : request.exports.paths()) std::printf(", %s", path.c_str());
   std::printf("\n");

@@ -11,6 +11,7 @@
 #include <sl3d/sim/sim_calibration.h>
 
 #include "board_family.h"
+#include "board_params.h"
 #include "commands.h"
 #include "errors.h"
 #include "io.h"
@@ -21,6 +22,14 @@ namespace fs = std::filesystem;
 namespace sl3d {
 
 namespace {
+
+// The board's key file with the circles' radius the calibration's
+// circle-centre refinement reads (already there when the text came from
+// 'sl3d board').
+std::string key_file_text(const SynthBoard& board) {
+  if (board.params_text.find("\ncircle_radius:") != std::string::npos) return board.params_text;
+  return board.params_text + circle_radius_key_text(board.layout.radius);
+}
 
 // The board's middle this far away fills about half the image width at
 // the tool's focal length of 1.09 px per pixel of width.
@@ -104,7 +113,7 @@ std::array<std::vector<std::string>, 2> write_stereo_boards(const StereoBoardSet
     }
   }
   files.emplace_back((fs::path(dir) / "board_params.yaml").string());
-  files.back().write(set.board.params_text);
+  files.back().write(key_file_text(set.board));
   files.emplace_back((fs::path(dir) / "truth.csv").string());
   files.back().write(truth.str());
   PendingDirectory true_calib((fs::path(dir) / "true_calib").string());
@@ -173,7 +182,7 @@ int run_synth_boards(const BoardSynthRequest& request) {
     add_truth_rows(truth, name, board, rendering);
   }
   files.emplace_back((fs::path(request.dir) / "board_params.yaml").string());
-  files.back().write(board.params_text);
+  files.back().write(key_file_text(board));
   files.emplace_back((fs::path(request.dir) / "truth.csv").string());
   files.back().write(truth.str());
   commit_all(files);

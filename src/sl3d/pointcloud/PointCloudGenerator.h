@@ -38,6 +38,12 @@
 
 class StereoCamera;
 
+namespace sl3d {
+namespace detail {
+class DisparityListAccess;
+}  // namespace detail
+}  // namespace sl3d
+
 // One output point: 16 bytes, the stride of the point buffer. The generators
 // write grey colours (red = green = blue); the last byte is never written.
 struct SL3D_EXPORT PointCloudElement {
@@ -189,6 +195,10 @@ class SL3D_EXPORT PointCloudGenerator : public iPointCloudGenerator {
   static int checked_pixel_count(int width, int height);
 
  private:
+  // The disparity filter (sl3d/pointcloud/disparity_filter.h) edits the
+  // list between exec() and genPC().
+  friend class sl3d::detail::DisparityListAccess;
+
   // Releases stereo camera, Q, disparity list, range grid and points.
   void dispose();
   bool take_q_from_stereo_camera();

@@ -11,19 +11,18 @@ namespace sl3d {
 
 namespace detail {
 
-// The generators rewrite their disparity list through protected members of
-// PointCloudGenerator; callers get only a read-only view. A pointer to
-// those members, formed in a class derived from it, reaches them on any
-// generator without changing the class.
-struct DisparityListWriter : PointCloudGenerator {
-  // Keeps the first `count` records (count <= the current count).
-  static void truncate(PointCloudGenerator& gen, int count) {
-    const auto clear = &DisparityListWriter::clear_disparities;
-    const auto append = &DisparityListWriter::append_disparity;
-    const double* rec = gen.get_disparity_ptr();
-    (gen.*clear)();
-    for (int i = 0; i < count; ++i, rec += 4) (gen.*append)(rec[0], rec[1], rec[2]);
+// The filter edits a generator's disparity list between exec() and genPC().
+// The list is the generator's own and callers only get a read-only view of
+// it, so the generator class names this one accessor as a friend rather
+// than widening its public interface: the filter is the only code outside
+// the generators that writes the list, and it only ever shortens it.
+class DisparityListAccess {
+ public:
+  static double* records(PointCloudGenerator& gen) {
+    return static_cast<double*>(gen.disparities_.data());
   }
+  // Keeps the first `count` records (0 <= count <= the current count).
+  static void truncate(PointCloudGenerator& gen, int count) { gen.disparity_count_ = count; }
 };
 
 }  // namespace detail
@@ -333,12 +332,10 @@ DisparityFilterReport filter_disparities(PointCloudGenerator& generator,
     maps = PhaseMaps{phase_shift->phase_map(0).data(), phase_shift->phase_map(1).data(),
                      phase_shift->status_map(1).data()};
   }
-  // The list belongs to the generator, which hands it out read-only; the
-  // records are rewritten in place and the list then shortened.
-  double* records = const_cast<double*>(generator.get_disparity_ptr());
+  double* records = detail::DisparityListAccess::records(generator);
   DisparityFilterReport report = guarded_filter(records, count, width, height, status0,
                                                 disparity0, status0 ? &maps : nullptr, options);
-  if (report.ok) detail::DisparityListWriter::truncate(generator, report.kept);
+  if (report.ok) detail::DisparityListAccess::truncate(generator, report.kept);
   return report;
 }
 

@@ -7,6 +7,8 @@
 #include <opencv2/calib3d.hpp>
 
 #include <sl3d/calibrator/calibration_directory.h>
+#include <sl3d/camera/camera_pinhole.h>
+#include <sl3d/camera/stereo_camera.h>
 
 namespace sl3d {
 
@@ -29,11 +31,54 @@ void calibrated_pair(const std::array<SimCamera, 2>& cameras, DistortCamera* out
     cam.R = cv::Mat_<double>(cv::Mat(rotations[i])).clone();
     cam.T = cv::Mat(translations[i]).clone();
     cam.D = cv::Mat_<double>(cv::Mat(cameras[i].distortion)).reshape(1, 1).clone();
-    // Compose the projection and bring the pose-derived members up to date.
-    cam.compose();
-    cv::Mat_<double> ppm = cam.P(cv::Rect(0, 0, 4, 3)).clone();
-    cam.setPPM(ppm);
+    refresh_pose(cam);
   }
+}
+
+namespace {
+
+// The YAML form of `dir`, with its rectifying rotation; false when it does
+// not load or holds none.
+bool load_rectified_pair(const std::string& dir, StereoCamera& pair) {
+  try {
+    return pair.load(dir) && pair.cam0_R2.rows == 3 && pair.cam0_R2.cols == 3;
+  } catch (const cv::Exception&) {
+    return false;
+  }
+}
+
+cv::Matx33d world_from_rect_rotation(const StereoCamera& pair,
+                                     const std::array<SimCamera, 2>& cameras) {
+  const cv::Matx33d rect_from_cam0(pair.cam0_R2);
+  return cam0_from_world(cameras).t() * rect_from_cam0.t();
+}
+
+}  // namespace
+
+bool world_from_rect(const std::string& dir, const std::array<SimCamera, 2>& cameras,
+                     cv::Matx33d& world_from_rect_R, cv::Vec3d& world_from_rect_t) {
+  StereoCamera pair(cv::Size(0, 0));
+  if (!load_rectified_pair(dir, pair)) return false;
+  world_from_rect_R = world_from_rect_rotation(pair, cameras);
+  world_from_rect_t = cameras[0].center();
+  return true;
+}
+
+bool rectified_camera(const std::string& dir, const std::array<SimCamera, 2>& cameras,
+                      SimCamera& out) {
+  StereoCamera pair(cv::Size(0, 0));
+  if (!load_rectified_pair(dir, pair) || pair.cameras[0].K.rows != 3 ||
+      pair.cameras[0].K.cols != 3) {
+    return false;
+  }
+  const cv::Matx33d world_from_rect_R = world_from_rect_rotation(pair, cameras);
+  SimCamera view;
+  view.size = pair.oldcamSize.area() > 0 ? pair.oldcamSize : cameras[0].size;
+  view.K = cv::Matx33d(pair.cameras[0].K);
+  view.cam_from_world_R = world_from_rect_R.t();
+  view.cam_from_world_t = -(view.cam_from_world_R * cameras[0].center());
+  out = view;
+  return true;
 }
 
 bool write_camera_files(const std::array<SimCamera, 2>& cameras, const std::string& dir) {

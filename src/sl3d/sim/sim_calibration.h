@@ -26,6 +26,26 @@ SL3D_EXPORT void calibrated_pair(const std::array<SimCamera, 2>& cameras, Distor
 // coordinates into the frame the calibration calls its own.
 SL3D_EXPORT cv::Matx33d cam0_from_world(const std::array<SimCamera, 2>& cameras);
 
+// world_from_rect of a calibration directory `dir` made for `cameras` (or
+// from their images): points the generators triangulate through it are in
+// its left rectified camera's frame; x_world = R * x_rect + t. The rotation
+// comes from the YAML form ("stereo_param.yaml", rectifying rotation
+// "cam0_R2"), since the binary form keeps none; t is the true camera 0's
+// centre. Returns false, leaving R and t alone, when the directory holds no
+// such rotation.
+SL3D_EXPORT bool world_from_rect(const std::string& dir, const std::array<SimCamera, 2>& cameras,
+                                 cv::Matx33d& world_from_rect_R, cv::Vec3d& world_from_rect_t);
+
+// The left rectified camera of the calibration directory `dir` made for
+// `cameras` (or from their images) as a SimCamera: the rectified
+// intrinsics, no distortion, oriented by world_from_rect and placed at the
+// true camera 0's centre, with the size of the images the calibration was
+// made for. Its pixels are those of the range grid of a measurement
+// through `dir`; VirtualSensor::measurable_pixels takes it as camera 0.
+// False, `out` untouched, as for world_from_rect.
+SL3D_EXPORT bool rectified_camera(const std::string& dir, const std::array<SimCamera, 2>& cameras,
+                                  SimCamera& out);
+
 // Writes "cam0_param.yaml" and "cam1_param.yaml" into `dir` (which must
 // exist). Returns false when a file cannot be written.
 SL3D_EXPORT bool write_camera_files(const std::array<SimCamera, 2>& cameras,

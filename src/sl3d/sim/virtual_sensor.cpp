@@ -9,13 +9,14 @@
 #include <opencv2/calib3d.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include <sl3d/pointcloud/threads.h>
 #include <sl3d/sim/sensor_effects.h>
 
 namespace sl3d {
 
 namespace {
 
-constexpr int kUsableCentrePeriod = 61;  // middle of the usable periods 25..96
+constexpr int kUsableCentrePeriod = 61;  // middle of the usable periods
 constexpr double kReferenceDepthMm = 1100.0;
 constexpr int kFrames = 13;
 
@@ -349,6 +350,84 @@ cv::Mat VirtualSensor::render_textured(int camera, const SimLight& light) const 
 
 cv::Mat VirtualSensor::render_textured(const SimCamera& camera, const SimLight& light) const {
   return render_texture(real_camera(camera), light);
+}
+
+namespace {
+
+// Distorted pixel of a world point (as cv::projectPoints), without the
+// per-call set-up of OpenCV's: the mask projects millions of points.
+cv::Point2d project_fast(const SimCamera& camera, const cv::Vec3d& world) {
+  const cv::Vec3d c = camera.cam_from_world_R * world + camera.cam_from_world_t;
+  const double x = c[0] / c[2], y = c[1] / c[2];
+  const cv::Vec<double, 5>& d = camera.distortion;  // k1 k2 p1 p2 k3
+  const double r2 = x * x + y * y;
+  const double radial = 1.0 + r2 * (d[0] + r2 * (d[1] + r2 * d[4]));
+  const double xd = x * radial + 2.0 * d[2] * x * y + d[3] * (r2 + 2.0 * x * x);
+  const double yd = y * radial + d[2] * (r2 + 2.0 * y * y) + 2.0 * d[3] * x * y;
+  const cv::Matx33d& K = camera.K;
+  return cv::Point2d(K(0, 0) * xd + K(0, 1) * yd + K(0, 2), K(1, 1) * yd + K(1, 2));
+}
+
+}  // namespace
+
+// Cheap tests first: facing, period range and camera 1's image before the
+// two shadow rays.
+bool VirtualSensor::measurable(const Hit& hit, const SimCamera& camera1) const {
+  const cv::Vec3d to_projector = projector_center_ - hit.point;
+  const cv::Vec3d centre1 = camera1.center();
+  const cv::Vec3d to_camera1 = centre1 - hit.point;
+  if (hit.normal.dot(to_projector) <= 0.0 || hit.normal.dot(to_camera1) <= 0.0) return false;
+  const cv::Point2d pixel = projector_pixel(hit.point);
+  const int period = layout_.period_index(pixel.x);
+  if (period < kFirstUsablePeriod || period > kLastUsablePeriod) return false;
+  if ((camera1.cam_from_world_R * hit.point + camera1.cam_from_world_t)[2] <= 0.0) return false;
+  const cv::Point2d seen = project_fast(camera1, hit.point);
+  if (!(seen.x >= -0.5 && seen.y >= -0.5 && seen.x <= camera1.size.width - 0.5 &&
+        seen.y <= camera1.size.height - 0.5)) {
+    return false;
+  }
+  if (!lit_by_projector(hit.point, pixel)) return false;
+  // The first surface on camera 1's ray towards the point must be the point.
+  const double distance = cv::norm(to_camera1);
+  Hit first;
+  return cast(centre1, -to_camera1 / distance, first) && first.t > distance - 1e-6 * distance;
+}
+
+cv::Mat VirtualSensor::measurable_pixels(const SimCamera& camera0, const SimCamera& camera1) const {
+  constexpr int kSamples = 3;  // per side of a pixel
+  const RayCamera rays = real_camera(camera0);
+  const bool pinhole = cv::norm(camera0.distortion) == 0.0;
+  const cv::Matx33d K_inv = camera0.K.inv();
+  const cv::Matx33d world_from_cam = camera0.cam_from_world_R.t();
+  cv::Mat mask(camera0.size, CV_8UC1, cv::Scalar(0));
+  // Rows split over the library's threads (sl3d::set_num_threads).
+  const int rows = camera0.size.height;
+  detail::run_chunks(detail::chunks_for(rows, 16), rows, [&](int, int begin, int end) {
+    std::vector<cv::Vec3d> dirs;
+    for (int v = begin; v < end; ++v) {
+      if (pinhole) {  // no lens to invert: the rays follow from K alone
+        dirs.clear();
+        for (int u = 0; u < camera0.size.width; ++u)
+          for (int sy = 0; sy < kSamples; ++sy)
+            for (int sx = 0; sx < kSamples; ++sx)
+              dirs.push_back(world_from_cam *
+                             (K_inv * cv::Vec3d(u + (sx + 0.5) / kSamples - 0.5,
+                                                v + (sy + 0.5) / kSamples - 0.5, 1.0)));
+      } else {
+        rays.row_rays(v, kSamples, dirs);
+      }
+      for (int u = 0; u < camera0.size.width; ++u) {
+        bool all = true;
+        for (int k = 0; k < kSamples * kSamples && all; ++k) {
+          Hit hit;
+          all = cast(rays.origin, dirs[std::size_t(u) * kSamples * kSamples + k], hit) &&
+                measurable(hit, camera1);
+        }
+        if (all) mask.at<std::uint8_t>(v, u) = 255;
+      }
+    }
+  });
+  return mask;
 }
 
 double VirtualSensor::distance_to_scene(const cv::Vec3d& point) const {

@@ -150,6 +150,20 @@ class SL3D_EXPORT VirtualSensor {
   // True depth of camera 0 and the pair's Q matrix.
   SimGroundTruth ground_truth() const;
 
+  // The pixels of `camera0` a phase-shift measurement with `camera1` can
+  // measure at all: CV_8UC1 of camera0's size, 255 where every one of 3 x 3
+  // sample rays spread over the pixel meets a surface that is
+  //   - lit by the projector (inside its image, not in a shadow, facing it),
+  //   - inside the usable period range 25..96 of the projector's stripes,
+  //   - seen by camera1 (inside its image, not hidden, facing it);
+  // 0 elsewhere. Pixels that straddle a depth edge, a shadow's or the lit
+  // area's border, or the end of the usable periods are not measurable:
+  // no single surface point explains them. camera0 may be a view that
+  // exists only in software, such as the left rectified camera of a
+  // calibration (rectified_camera, sim_calibration.h), so that the mask
+  // lies on the pixel grid of that calibration's range grid.
+  cv::Mat measurable_pixels(const SimCamera& camera0, const SimCamera& camera1) const;
+
   // Distance of a world point to the nearest surface of the scene: the
   // error of a measured point, whatever camera model produced it.
   double distance_to_scene(const cv::Vec3d& point) const;
@@ -171,6 +185,7 @@ class SL3D_EXPORT VirtualSensor {
   bool cast(const cv::Vec3d& origin, const cv::Vec3d& dir, Hit& hit) const;
   cv::Point2d projector_pixel(const cv::Vec3d& point) const;
   bool lit_by_projector(const cv::Vec3d& point, const cv::Point2d& pixel) const;
+  bool measurable(const Hit& hit, const SimCamera& camera1) const;
   void sample_frames(const cv::Point2d& pixel, double* values) const;
   double albedo(const cv::Vec3d& point) const;
 
