@@ -21,17 +21,17 @@ namespace {
 
 namespace fs = std::filesystem;
 
-sl3d::SimRig small_rig() {
-  sl3d::SimRig rig = sl3d::SimRig::scaled(320, 256);
-  return rig;
-}
+// The true cameras as a calibration delivers them: camera 0 in the world
+// frame, camera 1's pose relative to camera 0.
+struct TruePair {
+  DistortCamera cams[2] = {DistortCamera(cv::Size(0, 0), "cam0"),
+                           DistortCamera(cv::Size(0, 0), "cam1")};
+  TruePair() { sl3d::calibrated_pair(sl3d::default_raw_cameras(sl3d::SimRig::scaled(320, 256)), cams); }
+};
 
 StereoCamera rectified_pair() {
-  // The true cameras as a calibration delivers them: camera 0 in the world
-  // frame, camera 1's pose relative to camera 0.
-  DistortCamera cams[2] = {DistortCamera(cv::Size(0, 0), "cam0"), DistortCamera(cv::Size(0, 0), "cam1")};
-  sl3d::calibrated_pair(sl3d::default_raw_cameras(small_rig()), cams);
-  return StereoCamera(cams, -1.0, 0, cv::Size(0, 0), cv::Scalar(0), cv::Scalar(0));
+  TruePair truth;
+  return StereoCamera(truth.cams, -1.0, 0, cv::Size(0, 0), cv::Scalar(0), cv::Scalar(0));
 }
 
 // Raw pixel of camera i -> rectified pixel, by OpenCV's own point mapping.
@@ -44,10 +44,8 @@ cv::Point2d rectify_point(const StereoCamera& pair, const DistortCamera& raw, in
 }
 
 TEST(StereoCamera, RectifiedMatchesShareARowAndTriangulateToTheTruth) {
-  // The true cameras as a calibration delivers them: camera 0 in the world
-  // frame, camera 1's pose relative to camera 0.
-  DistortCamera cams[2] = {DistortCamera(cv::Size(0, 0), "cam0"), DistortCamera(cv::Size(0, 0), "cam1")};
-  sl3d::calibrated_pair(sl3d::default_raw_cameras(small_rig()), cams);
+  TruePair truth;
+  DistortCamera (&cams)[2] = truth.cams;
   StereoCamera pair(cams, -1.0, 0, cv::Size(0, 0), cv::Scalar(0), cv::Scalar(0));
   EXPECT_TRUE(pair.is_horizontal_stereo());
   EXPECT_EQ(pair.cameras[0].name, "stereoL");
@@ -153,10 +151,8 @@ TEST_F(StereoDirectory, BinaryFormReloadsWithARecalculatedQ) {
 }
 
 TEST_F(StereoDirectory, CameraFilesAreRectifiedOnLoad) {
-  // The true cameras as a calibration delivers them: camera 0 in the world
-  // frame, camera 1's pose relative to camera 0.
-  DistortCamera cams[2] = {DistortCamera(cv::Size(0, 0), "cam0"), DistortCamera(cv::Size(0, 0), "cam1")};
-  sl3d::calibrated_pair(sl3d::default_raw_cameras(small_rig()), cams);
+  TruePair truth;
+  DistortCamera (&cams)[2] = truth.cams;
   for (int i = 0; i < 2; ++i) {
     cv::FileStorage out(path("cam" + std::to_string(i) + "_param.yaml"), cv::FileStorage::WRITE);
     ASSERT_TRUE(cams[i].save(&out));
