@@ -201,10 +201,10 @@ TEST_F(CliTest, RefusesBadCapturesNamingTheFile) {
 
 // Q files and every kind of key file (scan's method parameters, detect's
 // board parameters) end in one line naming the file and, for a key file,
-// the line and the key.
+// the line and the key. Files that break the YAML reader itself are in
+// bad_inputs_test.
 TEST_F(CliTest, RefusesBadQAndKeyFilesNamingTheLineAndKey) {
   const std::string board = "unit_length: 20\nn_circles_x: 7\nn_circles_y: 5\n";
-  const std::string nul_value("unit_length: 20\nn_circles_x: 7\nn_circles_y:\0 5\n", 46);
   struct Case {
     const char* what;
     const char* use;  // "q", "phaseshift", "sgbm" (--params) or "board" (detect)
@@ -217,7 +217,6 @@ TEST_F(CliTest, RefusesBadQAndKeyFilesNamingTheLineAndKey) {
       {"3x3 Q", "q",
        "Q: !!opencv-matrix\n  rows: 3\n  cols: 3\n  dt: d\n  data: [1,0,0, 0,1,0, 0,0,1]\n",
        "\"Q\" is 3x3"},
-      {"Q not YAML", "q", "\x89\x01garbage: [unclosed\n\t{{", "not a valid YAML file: line 1"},
       {"unknown key", "phaseshift", "min_contrast: 10\nmin_contarst: 5\n",
        "line 2: unknown key 'min_contarst'"},
       {"repeated key", "phaseshift", "min_contrast: 10\nmin_contrast: 5\n",
@@ -230,13 +229,11 @@ TEST_F(CliTest, RefusesBadQAndKeyFilesNamingTheLineAndKey) {
        "line 1: 'min_disparity' must be below max_disparity"},
       {"mode", "sgbm", "mode: 9\n", "line 1: 'mode' must be an integer from 0 to 3"},
       {"fraction", "sgbm", "block_size: 5.5\n", "'block_size' must be an integer"},
-      {"board: unknown key", "board", board + "min_raduis: 5\n", "line 4: unknown key 'min_raduis'"},
       {"board: no counts", "board", "unit_length: 20  # mm\n", "'n_circles_x'"},
       {"board: not a number", "board", "unit_length: twenty\n", "got 'twenty'"},
       {"board: origin off the board", "board", board + "origin_x: 7\n", "'origin_x'"},
       {"board: fitscore", "board", board + "fitscore: 2\n", "'fitscore' must be a number from 0 to 1"},
       {"board: bool", "board", board + "do_smoothing: 2\n", "'do_smoothing' must be 0 or 1"},
-      {"board: NUL in a value", "board", nul_value, "line 3: NUL byte"},
   };
   const std::string image = (raw_dir() / "cam0.png").string();
   for (const Case& c : cases) {

@@ -138,33 +138,6 @@ TEST_F(PinHolePersistence, ProjectionWinsSizeMustBeAPairNameIsTakenFromFile) {
   }
 }
 
-TEST_F(PinHolePersistence, SharedStorageHoldsPrefixedKeysWithoutCameraName) {
-  PinHoleCamera cam0 = posed_camera("cam0");
-  PinHoleCamera cam1(cv::Size(320, 240), "cam1");
-  cv::FileStorage out(".yaml", cv::FileStorage::WRITE | cv::FileStorage::MEMORY);
-  ASSERT_TRUE(cam0.save(&out));
-  ASSERT_TRUE(cam1.save(&out));
-  ASSERT_TRUE(out.isOpened());
-  const std::string text = out.releaseAndGetString();
-  EXPECT_EQ(text.find("CameraName"), std::string::npos);
-  for (const char* key : {"cam0_size", "cam0_K", "cam0_R", "cam0_T", "cam0_P", "cam1_P"})
-    EXPECT_NE(text.find(key), std::string::npos) << key;
-
-  cv::FileStorage in(text, cv::FileStorage::READ | cv::FileStorage::MEMORY);
-  PinHoleCamera back0(cv::Size(), "cam0"), back1(cv::Size(), "cam1");
-  ASSERT_TRUE(back0.load(&in));
-  ASSERT_TRUE(back1.load(&in));
-  EXPECT_TRUE(in.isOpened());
-  EXPECT_EQ(back0.size, cv::Size(640, 480));
-  EXPECT_EQ(back1.size, cv::Size(320, 240));
-  EXPECT_LT(max_diff(back0.P, cam0.P), 1e-9);
-  EXPECT_LT(max_diff(back1.P, cam1.P), 1e-12);
-
-  cv::FileStorage closed;
-  EXPECT_FALSE(cam0.save(&closed));
-  EXPECT_FALSE(back0.load(&closed));
-}
-
 TEST_F(PinHolePersistence, HmatIs96NativeDoublesAndRoundTripsBitExactly) {
   PinHoleCamera cam0 = posed_camera("cam0");
   PinHoleCamera cam1(cv::Size(640, 480), "cam1");

@@ -9,13 +9,13 @@
 #include <filesystem>
 #include <fstream>
 
-#include <unistd.h>
-
 #include <opencv2/calib3d.hpp>
 
 #include <sl3d/camera/stereo_camera.h>
 #include <sl3d/sim/sim_calibration.h>
 #include <sl3d/sim/virtual_sensor.h>
+
+#include "camera_test_util.h"
 
 namespace {
 
@@ -102,23 +102,17 @@ TEST(StereoCamera, ParallelRaysAndSingularSystemsReportThemselves) {
 
 class StereoDirectory : public ::testing::Test {
  protected:
-  void SetUp() override {
-    dir_ = fs::temp_directory_path() / ("sl3d_stereo_" + std::to_string(::getpid()) + "_" +
-                                        ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::create_directories(dir_);
-  }
-  void TearDown() override { fs::remove_all(dir_); }
-  std::string path(const std::string& file) const { return (dir_ / file).string(); }
-  fs::path dir_;
+  std::string path(const std::string& file) const { return dir_.file(file); }
+  sl3d::testing::ScratchDir dir_{"stereo"};
 };
 
 TEST_F(StereoDirectory, YamlFormReloadsTheSamePair) {
   StereoCamera pair = rectified_pair();
-  ASSERT_TRUE(pair.save(dir_.string()));
+  ASSERT_TRUE(pair.save(dir_.path().string()));
   EXPECT_TRUE(fs::exists(path("stereo_param.yaml")));
   EXPECT_TRUE(fs::exists(path("rect0.map")));
   StereoCamera loaded(cv::Size(0, 0));
-  ASSERT_TRUE(loaded.load(dir_.string()));
+  ASSERT_TRUE(loaded.load(dir_.path().string()));
   EXPECT_EQ(cv::norm(loaded.Q, pair.Q, cv::NORM_INF), 0.0);
   EXPECT_EQ(loaded.oldcamSize, pair.oldcamSize);
   EXPECT_EQ(cv::norm(loaded.cam1_R2, pair.cam1_R2, cv::NORM_INF), 0.0);
