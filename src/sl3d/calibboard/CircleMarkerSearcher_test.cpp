@@ -1,7 +1,7 @@
 // Circle-marker search: the PCA ellipse fit and its score ring on drawn
-// shapes, getRadius, and the length, size and roundness filters. The
-// centres found on rendered boards are checked against the truth by the
-// board families' tests.
+// shapes, and the length, size and roundness filters. The centres found on
+// rendered boards are checked against the truth by the board families'
+// tests.
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
-// Pre-processing of board images:
-// gamma switched off at exactly 1.0, and the fixed order of the steps,
-// checked against the same OpenCV operations composed by hand.
+// Pre-processing of board images: gamma switched off at exactly 1.0, and the
+// fixed order of the steps, checked against the same OpenCV operations
+// composed by hand.
 
 #include <gtest/gtest.h>
 
