@@ -1,6 +1,6 @@
-// Pre-processing of board images: gamma switched off at exactly 1.0, and the
-// fixed order of the steps, checked against the same OpenCV operations
-// composed by hand.
+// Pre-processing of board images: gamma switched off at exactly 1.0, each
+// binarisation type, and the fixed order of the steps, checked against the
+// same OpenCV operations composed by hand.
 
 #include <gtest/gtest.h>
 
@@ -68,6 +68,34 @@ TEST(PreProcessor, GammaIsOffAtExactlyOne) {
   for (int i = 0; i < 256; ++i) ramp.at<unsigned char>(0, i) = static_cast<unsigned char>(i);
   cv::threshold(apply_table(ramp, pre.gamma_table), expected, 100, 255, cv::THRESH_BINARY);
   EXPECT_TRUE(equal(pre.preprocess(ramp), expected));
+}
+
+TEST(PreProcessor, BinarisationTypes) {
+  cv::Mat img = board_like_image();
+  cv::Mat expected;
+
+  PreProcParams p;  // defaults: Otsu, everything else off
+  cv::threshold(img, expected, 0, 255, cv::THRESH_BINARY | cv::THRESH_OTSU);
+  EXPECT_TRUE(equal(configured(p).preprocess(img), expected));
+
+  p.bin_type = 0;
+  p.bin_param0 = 128;
+  cv::Mat edge = (cv::Mat_<unsigned char>(1, 3) << 127, 128, 129);
+  const cv::Mat fixed = configured(p).preprocess(edge);
+  EXPECT_EQ(fixed.at<unsigned char>(0, 0), 0);
+  EXPECT_EQ(fixed.at<unsigned char>(0, 1), 0);
+  EXPECT_EQ(fixed.at<unsigned char>(0, 2), 255);
+
+  p.bin_type = 2;
+  p.bin_param0 = 11;
+  p.bin_param1 = 4;
+  cv::adaptiveThreshold(img, expected, 255, cv::ADAPTIVE_THRESH_MEAN_C, cv::THRESH_BINARY, 11, 4);
+  EXPECT_TRUE(equal(configured(p).preprocess(img), expected));
+
+  for (int unknown : {3, -1}) {
+    p.bin_type = unknown;
+    EXPECT_TRUE(configured(p).preprocess(img).empty());
+  }
 }
 
 TEST(PreProcessor, StepsRunInFixedOrderOnACopy) {

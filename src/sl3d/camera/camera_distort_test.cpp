@@ -1,5 +1,6 @@
 #include <sl3d/camera/camera_distort.h>
 
+#include <stdexcept>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -60,6 +61,19 @@ TEST(DistortCamera, ProjectsThroughTheLensModel) {
   for (const cv::Vec3d& X : board_points()) {
     cv::Point3d P(X[0], X[1], X[2]);
     EXPECT_LT(cv::norm(cam.project_forw(P) - cam.PinHoleCamera::project_forw(P)), 1e-3);
+  }
+}
+
+TEST(DistortCamera, RefusesInverseProjection) {
+  DistortCamera cam = distorted_camera();
+  const cv::Point2d principal(cam.K(0, 2), cam.K(1, 2));
+  for (int call = 0; call < 2; ++call) {
+    try {
+      call == 0 ? cam.project_back(principal) : cam.get_sight_vector(principal);
+      ADD_FAILURE() << "no exception";
+    } catch (const std::logic_error& e) {
+      EXPECT_STREQ(e.what(), "Invert projection is not available in DistortCamera.");
+    }
   }
 }
 

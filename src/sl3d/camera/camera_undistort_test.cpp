@@ -109,6 +109,53 @@ TEST(UndistortCamera, RemapFillsOnlyAnEmptyDestination) {
             0);
 }
 
+// The selector is the system's own: 3 means Lanczos, unknown values linear.
+TEST(UndistortCamera, InterpolationSelectorMapsToOpenCVMethods) {
+  cv::Mat src(24, 24, CV_32FC1);
+  cv::randu(src, 0, 255);
+  UndistortCamera cam(cv::Size(16, 16), "c");
+  cam.map1.create(16, 16, CV_32FC1);
+  cam.map2.create(16, 16, CV_32FC1);
+  for (int y = 0; y < 16; ++y)
+    for (int x = 0; x < 16; ++x) {
+      cam.map1.at<float>(y, x) = 4.3f + x * 0.9f;
+      cam.map2.at<float>(y, x) = 3.6f + y * 1.1f;
+    }
+  auto expected = [&](int code) {
+    cv::Mat out(16, 16, CV_32FC1, cv::Scalar(0));
+    cv::remap(src, out, cam.map1, cam.map2, code, cv::BORDER_TRANSPARENT);
+    return out;
+  };
+  const std::vector<std::pair<int, int>> cases = {{0, cv::INTER_NEAREST}, {1, cv::INTER_LINEAR},
+                                                  {2, cv::INTER_CUBIC},   {3, cv::INTER_LANCZOS4},
+                                                  {7, cv::INTER_LINEAR},  {-1, cv::INTER_LINEAR}};
+  for (auto [selector, code] : cases) {
+    cam.interpolation = selector;
+    cv::Mat out(16, 16, CV_32FC1, cv::Scalar(0));
+    cam.remap(src, out);
+    EXPECT_EQ(cv::norm(out, expected(code), cv::NORM_INF), 0.0) << "selector " << selector;
+  }
+  ASSERT_GT(cv::norm(expected(cv::INTER_LANCZOS4), expected(cv::INTER_LINEAR), cv::NORM_INF), 1.0);
+}
+
+TEST(UndistortCamera, CopiesOwnTheirMaps) {
+  Rig rig;
+  rig.ideal.roi = cv::Rect(1, 2, 3, 4);
+  rig.ideal.fill = cv::Scalar(9);
+  UndistortCamera copied(rig.ideal);
+  UndistortCamera assigned(cv::Size(1, 1), "x");
+  assigned = rig.ideal;
+  for (UndistortCamera* c : {&copied, &assigned}) {
+    EXPECT_NE(c->map1.data, rig.ideal.map1.data);
+    EXPECT_NE(c->map2.data, rig.ideal.map2.data);
+    EXPECT_EQ(cv::norm(c->map1, rig.ideal.map1, cv::NORM_INF), 0.0);
+    EXPECT_EQ(c->roi, rig.ideal.roi);
+    EXPECT_EQ(c->fill, rig.ideal.fill);
+    EXPECT_EQ(c->use_float_map, 1);
+    EXPECT_EQ(c->interpolation, 1);
+  }
+}
+
 // --- persistence ----------------------------------------------------------
 
 class UndistortPersistence : public ::testing::Test {
