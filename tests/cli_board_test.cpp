@@ -19,14 +19,12 @@
 #include <sl3d/sim/board_families.h>
 #include <sl3d/sim/board_renderer.h>
 
-#include "cli_tool.h"
+#include "cli_util.h"
 
 namespace sl3d {
 namespace {
 
-using testing::ScratchDir;
-using testing::ToolRun;
-namespace fs = std::filesystem;
+using namespace sl3d_test;
 
 constexpr int kCols = 9, kRows = 6;  // the defaults
 constexpr double kSpacingMm = 30.0;
@@ -38,20 +36,19 @@ struct Printed {
   cv::FileStorage keys;
 };
 
-class BoardCommand : public ::testing::Test {
+class BoardCommand : public ToolTest {
  protected:
   static void SetUpTestSuite() {
-    dir_ = new ScratchDir("sl3d_board_test");
+    ToolTest::SetUpTestSuite();
     for (BoardFamily family : {BoardFamily::kPellux, BoardFamily::kQuill}) {
-      const ToolRun r = dir_->run({"board", "--board", family_name(family), "--out",
-                                   (*dir_ / family_name(family)).string()});
+      const RunResult r = run({"board", "--board", family_name(family), "--out",
+                                   (root_ / family_name(family)).string()});
       ASSERT_EQ(r.exit_code, 0) << r.err;
       ASSERT_NE(r.out.find("285.0 x 195.0 mm"), std::string::npos) << r.out;
     }
   }
-  static void TearDownTestSuite() { delete dir_; }
 
-  static fs::path out(BoardFamily family) { return *dir_ / family_name(family); }
+  static fs::path out(BoardFamily family) { return root_ / family_name(family); }
 
   static Printed printed(BoardFamily family) {
     Printed p;
@@ -85,7 +82,7 @@ class BoardCommand : public ::testing::Test {
     imaging.noise_sigma = 1.0;
     imaging.blur_sigma_px = 0.5;
     imaging.supersampling = 1;  // the bitmap is filtered to the pixel
-    const fs::path views_dir = *dir_ / name, results = *dir_ / (name + "_results");
+    const fs::path views_dir = root_ / name, results = root_ / (name + "_results");
     fs::create_directories(views_dir);
     std::vector<std::string> args = {"detect", "--board", family_name(family), "--params",
                                      (out(family) / "board_params.yaml").string(),
@@ -101,11 +98,11 @@ class BoardCommand : public ::testing::Test {
       cv::imwrite(image.string(), views.truth.back().image);
       args.push_back(image.string());
     }
-    const ToolRun r = dir_->run(args);
+    const RunResult r = run(args);
     EXPECT_EQ(r.exit_code, 0) << r.out << r.err;
     for (std::size_t k = 0; k < angles.size(); ++k) {
       std::istringstream csv(
-          testing::slurp(results / ("view_" + std::to_string(k) + "_points.csv")));
+          slurp(results / ("view_" + std::to_string(k) + "_points.csv")));
       std::map<int, cv::Point2d> found;
       std::string line;
       std::getline(csv, line);  // header
@@ -119,10 +116,7 @@ class BoardCommand : public ::testing::Test {
     return views;
   }
 
-  static ScratchDir* dir_;
 };
-
-ScratchDir* BoardCommand::dir_ = nullptr;
 
 // Tilts of 20 to 45 degrees about axes all round, each view rolled 45
 // degrees further than the one before. Nearer frontal every circle is
@@ -164,7 +158,7 @@ void expect_numbered_right(const std::map<int, cv::Point2d>& found,
 TEST_F(BoardCommand, SvgAndPngAreToScale) {
   for (BoardFamily family : {BoardFamily::kPellux, BoardFamily::kQuill}) {
     SCOPED_TRACE(family_name(family));
-    const std::string svg = testing::slurp(out(family) / "board.svg");
+    const std::string svg = slurp(out(family) / "board.svg");
     EXPECT_NE(svg.find("width=\"285mm\" height=\"195mm\" viewBox=\"0 0 285 195\""),
               std::string::npos);
     const std::regex circle("<circle cx=\"([0-9.]+)\" cy=\"([0-9.]+)\" r=\"([0-9.]+)\" fill=\"#000000\"");
@@ -181,7 +175,7 @@ TEST_F(BoardCommand, SvgAndPngAreToScale) {
     }
 
     // The PNG states its resolution, and its circles are spacing * dpi apart.
-    const std::string png = testing::slurp(out(family) / "board.png");
+    const std::string png = slurp(out(family) / "board.png");
     const std::size_t phys = png.find("pHYs");
     ASSERT_NE(phys, std::string::npos);
     const auto byte = [&](std::size_t i) { return std::uint32_t(std::uint8_t(png[i])); };
@@ -237,8 +231,8 @@ TEST_F(BoardCommand, QuillRingIsTheOriginAtEveryTiltAndRoll) {
 }
 
 TEST_F(BoardCommand, RefusesBadRequestsBeforeWriting) {
-  std::ofstream(*dir_ / "a_file") << "x";
-  const fs::path out = *dir_ / "refused";
+  std::ofstream(root_ / "a_file") << "x";
+  const fs::path out = root_ / "refused";
   const struct {
     std::vector<std::string> args;
     int code;
@@ -250,12 +244,12 @@ TEST_F(BoardCommand, RefusesBadRequestsBeforeWriting) {
       {{"--nx", "11", "--ny", "8", "--page", "a4", "--out", out.string()}, 2, "does not fit", out},
       {{"--page", "b5", "--out", out.string()}, 2, "--page", out},
       {{"--nx", "3", "--out", out.string()}, 2, "--nx", out},
-      {{"--out", (*dir_ / "a_file" / "b").string()}, 1, "a_file", *dir_ / "a_file" / "b"},
+      {{"--out", (root_ / "a_file" / "b").string()}, 1, "a_file", root_ / "a_file" / "b"},
   };
   for (const auto& c : cases) {
     std::vector<std::string> args = {"board", "--board", "pellux"};
     args.insert(args.end(), c.args.begin(), c.args.end());
-    testing::expect_refused(dir_->run(args), c.code, c.culprit, c.output);
+    expect_refused(run(args), c.code, c.culprit, c.output);
   }
 }
 

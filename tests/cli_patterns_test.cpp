@@ -15,14 +15,12 @@
 
 #include <sl3d/psft/psft.h>
 
-#include "cli_tool.h"
+#include "cli_util.h"
 
 namespace sl3d {
 namespace {
 
-using testing::ScratchDir;
-using testing::ToolRun;
-namespace fs = std::filesystem;
+using namespace sl3d_test;
 
 constexpr int kProjectorWidth = 1920;
 constexpr int kProjectorHeight = 1080;
@@ -85,31 +83,30 @@ cv::Mat capture(const Scene& scene, const cv::Mat& frame, int camera, double gai
   return out;
 }
 
-class PatternsCommand : public ::testing::Test {
+class PatternsCommand : public ToolTest {
  protected:
   static void SetUpTestSuite() {
-    dir_ = new ScratchDir("sl3d_patterns_test");
-    const ToolRun r = dir_->run({"patterns", "--width", std::to_string(kProjectorWidth),
+    ToolTest::SetUpTestSuite();
+    const RunResult r = run({"patterns", "--width", std::to_string(kProjectorWidth),
                                  "--height", std::to_string(kProjectorHeight), "--out",
-                                 (*dir_ / "p").string()});
+                                 (root_ / "p").string()});
     ASSERT_EQ(r.exit_code, 0) << r.err;
     for (int camera = 0; camera < 2; ++camera) {
       captures_[camera].clear();
       for (int index = 0; index < 13; ++index) {
         char name[32];
         std::snprintf(name, sizeof name, "pattern_%02d.png", index);
-        const cv::Mat frame = cv::imread((*dir_ / "p" / name).string(), cv::IMREAD_UNCHANGED);
+        const cv::Mat frame = cv::imread((root_ / "p" / name).string(), cv::IMREAD_UNCHANGED);
         ASSERT_EQ(frame.type(), CV_8UC1) << name;
         ASSERT_EQ(frame.size(), cv::Size(kProjectorWidth, kProjectorHeight)) << name;
         captures_[camera].push_back(capture(Scene(), frame, camera));
       }
     }
   }
-  static void TearDownTestSuite() { delete dir_; }
 
   // Writes the captures, brightened by `gain`, as `sl3d scan` reads them.
   static fs::path write_captures(const std::string& name, double gain) {
-    const fs::path out = *dir_ / name;
+    const fs::path out = root_ / name;
     fs::create_directories(out);
     for (int camera = 0; camera < 2; ++camera) {
       for (int index = 0; index < 13; ++index) {
@@ -123,15 +120,13 @@ class PatternsCommand : public ::testing::Test {
     return out;
   }
 
-  static ScratchDir* dir_;
   static std::vector<cv::Mat> captures_[2];
 };
 
-ScratchDir* PatternsCommand::dir_ = nullptr;
 std::vector<cv::Mat> PatternsCommand::captures_[2];
 
 TEST_F(PatternsCommand, LayoutFileStatesPeriodAndUsableColumns) {
-  cv::FileStorage yaml((*dir_ / "p" / "patterns.yaml").string(), cv::FileStorage::READ);
+  cv::FileStorage yaml((root_ / "p" / "patterns.yaml").string(), cv::FileStorage::READ);
   ASSERT_TRUE(yaml.isOpened());
   EXPECT_EQ(int(yaml["width"]), kProjectorWidth);
   EXPECT_EQ(int(yaml["height"]), kProjectorHeight);
@@ -199,20 +194,20 @@ TEST_F(PatternsCommand, CheckReportsUnlitAndOverexposedPixels) {
   const double unlit_share = double(unlit) / scene.size.area();
   ASSERT_GT(unlit_share, 0.02);
 
-  const ToolRun fine = dir_->run({"patterns", "--check", write_captures("fine", 1.0).string()});
+  const RunResult fine = run({"patterns", "--check", write_captures("fine", 1.0).string()});
   ASSERT_EQ(fine.exit_code, 0) << fine.err;
   EXPECT_NEAR(rejected_share(fine.out, 0), unlit_share, 0.01) << fine.out;
   EXPECT_EQ(fine.out.find("advice"), std::string::npos) << fine.out;
 
-  const ToolRun bright = dir_->run({"patterns", "--check", write_captures("bright", 1.6).string()});
+  const RunResult bright = run({"patterns", "--check", write_captures("bright", 1.6).string()});
   ASSERT_EQ(bright.exit_code, 0) << bright.err;
   EXPECT_NE(bright.out.find("cam0's white frame is saturated"), std::string::npos) << bright.out;
   EXPECT_NE(bright.out.find("cam1's white frame is saturated"), std::string::npos) << bright.out;
 }
 
 TEST_F(PatternsCommand, RefusesWhatTheFramesCannotServe) {
-  std::ofstream(*dir_ / "a_file") << "x";
-  const fs::path out = *dir_ / "refused";
+  std::ofstream(root_ / "a_file") << "x";
+  const fs::path out = root_ / "refused";
   const struct {
     std::vector<std::string> args;
     int code;
@@ -223,14 +218,14 @@ TEST_F(PatternsCommand, RefusesWhatTheFramesCannotServe) {
       {{"--width", "1920", "--height", "1080", "--period", "16", "--out", out.string()}, 2,
        "--period 16", out},
       {{"--width", "1920", "--height", "0", "--out", out.string()}, 2, "--height", out},
-      {{"--width", "1920", "--height", "1080", "--out", (*dir_ / "a_file" / "p").string()}, 1,
-       "a_file", *dir_ / "a_file" / "p"},
-      {{"--check", (*dir_ / "p").string()}, 1, "cam0_00.png", out},
+      {{"--width", "1920", "--height", "1080", "--out", (root_ / "a_file" / "p").string()}, 1,
+       "a_file", root_ / "a_file" / "p"},
+      {{"--check", (root_ / "p").string()}, 1, "cam0_00.png", out},
   };
   for (const auto& c : cases) {
     std::vector<std::string> args = {"patterns"};
     args.insert(args.end(), c.args.begin(), c.args.end());
-    testing::expect_refused(dir_->run(args), c.code, c.culprit, c.output);
+    expect_refused(run(args), c.code, c.culprit, c.output);
   }
 }
 

@@ -93,6 +93,15 @@ class ToolTest : public ::testing::Test {
     }
   }
 
+  // A request refused before anything is written: nothing on stdout and
+  // `output` (a file or directory) not created.
+  static void expect_refused(const RunResult& r, int exit_code, const std::string& culprit,
+                             const fs::path& output) {
+    expect_clean_failure(r, exit_code, culprit);
+    EXPECT_EQ(r.out, "");
+    EXPECT_FALSE(fs::exists(output)) << output << " left behind";
+  }
+
   static fs::path root_;
 };
 

@@ -1,7 +1,7 @@
 """What a Python user of sl3d's outputs relies on, checked with Debian's cv2
 and numpy: the float TIFFs of `sl3d scan` hold the PLY's points pixel for
-pixel, the points are in the left rectified camera's frame, and the
-calibration files follow OpenCV's conventions (x1 = R x0 + T;
+pixel, the points are in the left rectified camera's frame, and every
+calibration file is readable by cv2 and follows OpenCV's conventions (x1 = R x0 + T;
 cv2.stereoRectify with flags 0 and alpha -1 gives the stored rectification).
 
 usage: read_exports_with_cv2.py SL3D_TOOL"""
@@ -98,6 +98,10 @@ def check_conventions(calib):
                                ("stereoR_P", matrix(stereo, "stereoR_P"), q_p2),
                                ("Q", matrix(stereo, "Q"), q)):
         check(np.allclose(ours, opencv, rtol=1e-9, atol=1e-9), f"{name} differs from cv2.stereoRectify")
+    fs = cv2.FileStorage(stereo, cv2.FILE_STORAGE_READ)
+    check(fs.getNode("StereoName").string() == "stereo", "stereo_param.yaml: StereoName")
+    for key, entries in (("oldcamSize", 2), ("stereoL_roi", 4)):
+        check(fs.getNode(key).size() == entries, f"stereo_param.yaml: {key} is not {entries} numbers")
 
 
 def main(tool):

@@ -1,6 +1,5 @@
-// The recognizer frame: board acceptance and positions, marker indices,
-// correspondences, the depth-first numbering with its step rules, the
-// result picture and its copy, and the error-name tables.
+// The recognizer frame: board acceptance and positions, marker indices and
+// the depth-first numbering with its step rules.
 
 #include <gtest/gtest.h>
 
@@ -18,12 +17,9 @@ class Probe : public PelluxCalibBoardRecognizer {
  public:
   using CalibBoardRecognizer::dir_x;
   using CalibBoardRecognizer::dir_y;
-  using CalibBoardRecognizer::make_dbgimg;
   using CalibBoardRecognizer::n_markers;
   using CalibBoardRecognizer::numbering;
-  using CalibBoardRecognizer::result_image;
   using CircleMarkerSearcher::ellipses;
-  using ConnectionFinder::base_markers;
   using ConnectionFinder::connections;
   using ConnectionFinder::distance_between_circles;
 
@@ -87,31 +83,6 @@ TEST(CalibBoardRecognizer, BoardPositionsIndicesAndRange) {
   EXPECT_EQ(single.get_3d_position(0), cv::Point3f(0, 0, 0));
 }
 
-TEST(CalibBoardRecognizer, CorrespondingPointsSkipOnlyFltMax) {
-  Probe r;
-  CalibBoardParams b = board(2, 2, 0, 0, 1.0);
-  ASSERT_TRUE(r.init_recognizer(b));
-  const float nan = std::nanf("");
-  std::vector<cv::Point2f> p0{{1, 1}, kMissing, {nan, 3}, {FLT_MAX, 0}, {9, 9}};  // extra ignored
-  std::vector<cv::Point2f> out2d{{7, 7}};
-  std::vector<cv::Point3f> out3d{{7, 7, 7}};
-  EXPECT_EQ(r.corresponding_points(p0, out2d, out3d), 2);
-  ASSERT_EQ(out2d.size(), 2u);
-  EXPECT_EQ(out2d[0], cv::Point2f(1, 1));
-  EXPECT_TRUE(std::isnan(out2d[1].x));  // NaN is not "missing"
-  EXPECT_EQ(out3d[1], r.get_3d_position(2));
-
-  std::vector<cv::Point2f> p1{kMissing, {2, 2}, {5, 5}, {6, 6}};
-  std::vector<cv::Point2f> out0, out1;
-  EXPECT_EQ(r.corresponding_points(p0, p1, out0, out1, out3d), 1);
-  EXPECT_EQ(out1, std::vector<cv::Point2f>{cv::Point2f(5, 5)});
-  EXPECT_EQ(out3d, std::vector<cv::Point3f>{r.get_3d_position(2)});
-
-  std::vector<cv::Point2f> none(4, kMissing);
-  EXPECT_EQ(r.corresponding_points(none, out2d, out3d), 0);
-  EXPECT_TRUE(out2d.empty() && out3d.empty());
-}
-
 // A 4 x 3 board (n_circles_y 3) with the origin at index 1 * 3 + 1 = 4;
 // image axes: board +x to the right, +y up.
 Probe numbering_probe() {
@@ -168,75 +139,6 @@ TEST(CalibBoardRecognizer, NumberingStepsAndVisitOrder) {
   owner.assign(12, -1);
   r.numbering(0, 0, points, owner);  // +y to -1 and +x to -3: both outside
   EXPECT_EQ(std::count(owner.begin(), owner.end(), -1), 11);
-}
-
-cv::Vec3b pixel(const cv::Mat& img, cv::Point2d p) {
-  return img.at<cv::Vec3b>(int(std::lround(p.y)), int(std::lround(p.x)));
-}
-
-cv::Vec3b bgr(const cv::Scalar& s) { return cv::Vec3b(uchar(s[0]), uchar(s[1]), uchar(s[2])); }
-
-TEST(CalibBoardRecognizer, ResultPictureColoursAndCopies) {
-  // A 9 x 4 board with the origin at (8, 0): grid (7, -3) is i = 1, j = 3.
-  Probe r;
-  CalibBoardParams b = board(9, 4, 8, 0, 1.0);
-  ASSERT_TRUE(r.init_recognizer(b));
-  r.add(40, 40, 30, {});   // origin
-  r.add(100, 40, 30, {});  // grid (7, -3)
-  r.add(160, 40, 30, {});  // a base marker at grid (1, 0)
-  r.base_markers = {2};
-  std::vector<int> owner(36, -1);
-  owner[r.get_marker_index({0, 0})] = 0;
-  owner[r.get_marker_index({7, -3})] = 1;
-  owner[r.get_marker_index({1, 0})] = 2;
-  cv::Mat grey(80, 200, CV_8U, cv::Scalar(90));
-  r.make_dbgimg(grey, owner);
-  ASSERT_EQ(r.result_image.type(), CV_8UC3);
-  EXPECT_EQ(pixel(r.result_image, {40, 40}), cv::Vec3b(0, 0, 255));
-  EXPECT_EQ(pixel(r.result_image, {40 + 10, 40}), cv::Vec3b(0, 0, 255));  // 0.8 of the disc
-  EXPECT_EQ(pixel(r.result_image, {100, 40}), cv::Vec3b(0, 165, 255));    // ring 7: colour 1
-  EXPECT_EQ(pixel(r.result_image, {5, 5}), cv::Vec3b(90, 90, 90));
-  // A base marker: a thick rim and a dot of 0.4, grey between them.
-  EXPECT_EQ(pixel(r.result_image, {160, 40}), bgr(cv::Scalar(0, 165, 255)));
-  EXPECT_EQ(pixel(r.result_image, {160 + 9, 40}), cv::Vec3b(90, 90, 90));
-  EXPECT_EQ(pixel(r.result_image, {160 + 15, 40}), bgr(cv::Scalar(0, 165, 255)));
-
-  // Into a buffer of the right size and type: written in place, so every
-  // header sharing it sees the picture.
-  cv::Mat buffer(80, 200, CV_8UC3, cv::Scalar(1, 2, 3));
-  cv::Mat alias = buffer;
-  const uchar* data = buffer.data;
-  r.copy_result_image(buffer);
-  EXPECT_EQ(buffer.data, data);
-  EXPECT_EQ(cv::norm(alias, r.result_image, cv::NORM_INF), 0.0);
-
-  // Anything else becomes an independent deep copy.
-  for (cv::Mat dst : {cv::Mat(), cv::Mat(80, 200, CV_8UC1), cv::Mat(10, 10, CV_8UC3)}) {
-    r.copy_result_image(dst);
-    EXPECT_NE(dst.data, r.result_image.data);
-    EXPECT_EQ(cv::norm(dst, r.result_image, cv::NORM_INF), 0.0);
-  }
-}
-
-TEST(CalibBoardRecognizer, ErrorNamesAndFactory) {
-  iCalibBoardRecognizer* r = CreateCalibBoardRecognizer();
-  ASSERT_NE(r, nullptr);
-  ASSERT_NE(dynamic_cast<PelluxCalibBoardRecognizer*>(r), nullptr);
-  EXPECT_EQ(r->get_error_name(0), "Success");
-  EXPECT_EQ(r->get_error_name(1), "ImageSize_Changed");
-  EXPECT_EQ(r->get_error_name(2), "Few_Contours");
-  EXPECT_EQ(r->get_error_name(3), "BaseMarker_NotFound");
-  EXPECT_EQ(r->get_error_name(4), "N_BaseMarker_NotMatch");
-  EXPECT_EQ(r->get_error_name(5), "BaseMarker_ClassifyFailure");
-  EXPECT_EQ(r->image_size(), cv::Size(0, 0));
-  // An unknown code is added to the shared table with an empty name.
-  const size_t before = PelluxCalibBoardRecognizer::errors.size();
-  EXPECT_EQ(r->get_error_name(99), "");
-  EXPECT_EQ(PelluxCalibBoardRecognizer::errors.size(), before + 1);
-  EXPECT_EQ(PelluxCalibBoardRecognizer::errors.count(99), 1u);
-  // A fresh recognizer is unusable until parameters are set.
-  EXPECT_EQ(r->get_marker_range(), cv::Rect(1, 1, 0, 0));
-  r->destroy();
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 // Circle-marker search: the PCA ellipse fit and its score ring on drawn
-// shapes, getRadius, and the length, size and roundness filters. The
-// centres found on rendered boards are checked against the truth by the
-// board families' tests.
+// shapes, and the length, size and roundness filters. The centres found on
+// rendered boards are checked against the truth by the board families'
+// tests.
 
 #include <gtest/gtest.h>
 
@@ -39,25 +39,6 @@ Contour disc_contour(cv::Point centre, int radius) {
   cv::Mat img = cv::Mat::zeros(2 * radius + 20, 2 * radius + 20, CV_8U);
   cv::circle(img, centre, radius, 255, cv::FILLED);
   return outer_contours(img).at(0);
-}
-
-TEST(CircleMarkerSearcher, InitDerivesContourLengthLimits) {
-  CircleMarkerSearcher defaults;
-  EXPECT_EQ(defaults.max_length, 9425);
-  EXPECT_EQ(defaults.min_length, 50);
-  EXPECT_EQ(defaults.image_width, 0);
-  EXPECT_EQ(defaults.image_height, 0);
-
-  CircleMarkerParams p;
-  p.max_radius = 10.0;  // 62.83 + 0.5
-  p.min_radius = 3.2;   // 20.11 + 0.5
-  p.image_width = 640;
-  p.image_height = 480;
-  defaults.init_searcher(p);
-  EXPECT_EQ(defaults.max_length, 63);
-  EXPECT_EQ(defaults.min_length, 20);
-  EXPECT_EQ(defaults.image_width, 640);
-  EXPECT_EQ(defaults.image_height, 480);
 }
 
 TEST(RotatedEllipse, FitOfADiscAndOfNonCircles) {
@@ -102,24 +83,6 @@ TEST(RotatedEllipse, FitOfADiscAndOfNonCircles) {
   // A thin line has a zero-width ring: score 0.
   Contour line{{0, 0}, {1, 0}, {2, 0}, {3, 0}, {4, 0}};
   EXPECT_EQ(e.fit(line, 0.0), 0.0);
-}
-
-TEST(RotatedEllipse, GetRadiusIsTheRimDistance) {
-  RotatedEllipse e;
-  e.a = 10.0;
-  e.b = 5.0;
-  e.axes = cv::Mat::eye(2, 2, CV_64F);
-  EXPECT_DOUBLE_EQ(e.getRadius({1, 0}), 10.0);
-  EXPECT_DOUBLE_EQ(e.getRadius({-3, 0}), 10.0);
-  EXPECT_DOUBLE_EQ(e.getRadius({0, 1}), 5.0);  // p = 0 gives b
-  // 45 degrees: x = a b / sqrt(a^2 + b^2), rim at sqrt(2) x.
-  EXPECT_NEAR(e.getRadius({1, 1}), std::sqrt(2.0) * 50.0 / std::sqrt(125.0), 1e-12);
-
-  // Axes turned by 30 degrees: the direction is taken in the ellipse's frame.
-  const double c = std::cos(CV_PI / 6), s = std::sin(CV_PI / 6);
-  e.axes = (cv::Mat_<double>(2, 2) << c, s, -s, c);
-  EXPECT_NEAR(e.getRadius({c, s}), 10.0, 1e-12);
-  EXPECT_NEAR(e.getRadius({-s, c}), 5.0, 1e-12);
 }
 
 TEST(CircleMarkerSearcher, RoundnessBandIsThreePopulationDeviations) {

@@ -84,24 +84,6 @@ TEST(ConnectionFinder, DistanceCutsCompareTruncatedTenthsRowByRow) {
   EXPECT_TRUE(linked(D, 2, 0));
 }
 
-TEST(ConnectionFinder, UnionFindBySizeWithPathCompression) {
-  UnionFind sets(6);
-  sets.unite(0, 1);  // equal sizes: 0 stays the root
-  EXPECT_EQ(sets.root(1), 0);
-  sets.unite(3, 2);
-  EXPECT_EQ(sets.root(2), 3);
-  sets.unite(4, 3);  // 1 joins 2: the larger set's root wins
-  EXPECT_EQ(sets.root(4), 3);
-  EXPECT_EQ(sets.size_of_root(3), 3);
-  sets.unite(1, 2);  // {0,1} under {2,3,4}
-  EXPECT_EQ(sets.parent[0], 3);
-  EXPECT_EQ(sets.parent[1], 0);
-  EXPECT_EQ(sets.root(1), 3);
-  EXPECT_EQ(sets.parent[1], 3);  // compressed
-  EXPECT_EQ(sets.size_of_root(3), 5);
-  EXPECT_TRUE(sets.is_root(5));
-}
-
 TEST(ConnectionFinder, LargestGroupTieGoesToTheLowerRoot) {
   // {0, 3} is joined from row 3 only, so 3 is its root; {1, 2} has root 1.
   // Sizes tie, and the group with root 1 survives although the other one

@@ -168,8 +168,11 @@ TEST(PelluxCalibBoardRecognizer, ImageSizeIsFixedByTheFirstImage) {
   std::vector<cv::Point2f> kept{{3, 4}};
   EXPECT_EQ(r.recognize(smaller, kept), 1);
   EXPECT_EQ(kept, std::vector<cv::Point2f>{cv::Point2f(3, 4)});
-  cv::Mat after;
+  // A buffer of the picture's size and type is written in place.
+  cv::Mat after(before.size(), before.type(), cv::Scalar::all(0));
+  const uchar* buffer = after.data;
   r.copy_result_image(after);
+  EXPECT_EQ(after.data, buffer);
   EXPECT_EQ(cv::norm(before, after, cv::NORM_INF), 0.0);
 
   // A blank image of the right size finds no markers.

@@ -1,5 +1,5 @@
-// The one-ring family: grid directions from the ring's neighbours, the
-// ring's averaged size, end-to-end numbering on rendered boards at poses
+// The one-ring family: grid directions from the ring's neighbours,
+// end-to-end numbering on rendered boards at poses
 // where the ring's +x neighbour is its farthest, and the failure codes.
 
 #include <gtest/gtest.h>
@@ -17,7 +17,6 @@ class Probe : public QuillCalibBoardRecognizer {
  public:
   using CalibBoardRecognizer::dir_x;
   using CalibBoardRecognizer::dir_y;
-  using CircleMarkerSearcher::contours;
   using CircleMarkerSearcher::ellipses;
   using ConnectionFinder::base_markers;
   using ConnectionFinder::connections;
@@ -62,23 +61,6 @@ TEST(QuillCalibBoardRecognizer, DirectionsFromTheRingsNeighbours) {
   r.set_direction();
   EXPECT_EQ(r.dir_y, cv::Point2f(0, -1));
   EXPECT_EQ(r.dir_x, cv::Point2f(0, 1));
-}
-
-TEST(QuillCalibBoardRecognizer, RingTakesTheMeanSizeOfRimAndHole) {
-  Probe r;
-  r.add(0, 0, {});
-  r.add(0, 0, {});
-  r.ellipses[0].width = 10.1;
-  r.ellipses[0].height = 9.0;
-  r.ellipses[1].width = 20.0;
-  r.ellipses[1].height = 19.0;
-  r.contours = {std::vector<cv::Point>(30), std::vector<cv::Point>(60)};
-  std::vector<int> flags{1, 1};
-  EXPECT_EQ(r.basemarker_process(0, 1, flags), 1);
-  EXPECT_EQ(flags, (std::vector<int>{0, 2}));
-  EXPECT_EQ(r.ellipses[1].width, double(30.1f) * 0.5);
-  EXPECT_EQ(r.ellipses[1].height, 14.0);
-  EXPECT_EQ(r.ellipses[0].width, 10.1);
 }
 
 // A 7 x 5 board with the ring at circle (4, 1). Facing the camera the

@@ -1,5 +1,5 @@
 // Reading the recognizer's parameter records from key maps: which fields a
-// key reaches, truncation of int fields, the bool rule, and the fields that
+// key reaches, truncation of int fields and the fields that
 // have no key.
 
 #include <gtest/gtest.h>
@@ -57,22 +57,6 @@ TEST(CalibBoardParams, IntFieldsTruncateTowardZero) {
   EXPECT_EQ(pre.bin_param0, 11);
   EXPECT_EQ(pre.bin_param1, -3);
   EXPECT_EQ(pre.gamma_correction, 0.45);
-}
-
-TEST(CalibBoardParams, BoolFieldsAreTrueForAnythingButZero) {
-  const double nan = std::numeric_limits<double>::quiet_NaN();
-  PreProcParams pre;
-  KeyMap on{{"do_reverse_bw", 0.5}, {"do_equalize_hist", nan}, {"do_smoothing", -1.0}};
-  pre.set(on);
-  EXPECT_TRUE(pre.do_reverse_bw);
-  EXPECT_TRUE(pre.do_equalize_hist);
-  EXPECT_TRUE(pre.do_smoothing);
-
-  KeyMap off{{"do_reverse_bw", 0.0}, {"do_equalize_hist", -0.0}};
-  pre.set(off);
-  EXPECT_FALSE(pre.do_reverse_bw);
-  EXPECT_FALSE(pre.do_equalize_hist);
-  EXPECT_TRUE(pre.do_smoothing);  // absent: kept
 }
 
 TEST(CalibBoardParams, MarkerKeysLeaveTheImageSizeWordsAlone) {

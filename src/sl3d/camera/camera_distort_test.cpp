@@ -96,18 +96,6 @@ TEST(DistortCamera, SolvePnPAccountsForDistortion) {
   }
 }
 
-TEST(DistortCamera, CopiesOwnTheirCoefficients) {
-  DistortCamera cam = distorted_camera();
-  DistortCamera copied(cam);
-  DistortCamera assigned(cv::Size(1, 1), "x");
-  assigned = cam;
-  for (DistortCamera* c : {&copied, &assigned}) {
-    EXPECT_NE(c->D.data, cam.D.data);
-    EXPECT_EQ(cv::norm(c->D, cam.D, cv::NORM_INF), 0.0);
-    EXPECT_NE(c->K.data, cam.K.data);
-  }
-}
-
 TEST(DistortCamera, SharedStorageRoundTripAddsDistortionKey) {
   DistortCamera cam = distorted_camera("cam1");
   cv::FileStorage out(".yaml", cv::FileStorage::WRITE | cv::FileStorage::MEMORY);

@@ -2,8 +2,6 @@
 
 #include <cstdint>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -12,7 +10,6 @@
 
 #include <sl3d/camera/camera_undistort.h>
 
-#include "camera_test_util.h"
 
 namespace {
 
@@ -34,24 +31,12 @@ std::int32_t int_at(const std::string& s, size_t offset) {
   return v;
 }
 
-class MapFile : public ::testing::Test {
- protected:
-  std::string slurp(const std::string& path) {
-    std::ifstream is(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(is), {});
-  }
-  sl3d::testing::ScratchDir dir_{"mapio"};
-};
-
-TEST_F(MapFile, FloatMapAtFileStartHas16ByteHeaderAndNoTrailingPad) {
+TEST(MapRecord, FloatMapAtStreamStartHas16ByteHeaderAndNoTrailingPad) {
   cv::Mat map(480, 640, CV_32FC1);
   cv::randu(map, -10.0f, 700.0f);
-  const std::string path = dir_.file("rect0.map");
-  {
-    std::ofstream os(path, std::ios::binary);
-    ASSERT_TRUE(save_map(os, map));
-  }
-  const std::string file = slurp(path);
+  std::stringstream ss;
+  ASSERT_TRUE(save_map(ss, map));
+  const std::string file = ss.str();
   ASSERT_EQ(file.size(), 16u + 1228800u);
   EXPECT_EQ(int_at(file, 0), CV_32FC1);
   EXPECT_EQ(int_at(file, 4), 640);  // cols before rows
@@ -59,23 +44,19 @@ TEST_F(MapFile, FloatMapAtFileStartHas16ByteHeaderAndNoTrailingPad) {
   EXPECT_EQ(int_at(file, 12), 0);
   EXPECT_EQ(file.substr(16), bytes_of(map));
 
-  std::ifstream is(path, std::ios::binary);
   cv::Mat back;
-  ASSERT_TRUE(load_map(is, back));
+  ASSERT_TRUE(load_map(ss, back));
   EXPECT_EQ(back.type(), CV_32FC1);
   EXPECT_EQ(bytes_of(back), bytes_of(map));
 }
 
-TEST_F(MapFile, OddByteMapIsPaddedAndRecordsFollowEachOther) {
+TEST(MapRecord, OddByteMapIsPaddedAndRecordsFollowEachOther) {
   cv::Mat odd = (cv::Mat_<uchar>(3, 5) << 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
   cv::Mat pairs(2, 3, CV_16SC2, cv::Scalar(-3, 1234));
-  const std::string path = dir_.file("two.map");
-  {
-    std::ofstream os(path, std::ios::binary);
-    ASSERT_TRUE(save_map(os, odd));
-    ASSERT_TRUE(save_map(os, pairs));
-  }
-  const std::string file = slurp(path);
+  std::stringstream ss;
+  ASSERT_TRUE(save_map(ss, odd));
+  ASSERT_TRUE(save_map(ss, pairs));
+  const std::string file = ss.str();
   // 16 header + 15 data + 1 pad, then 12 header + 4 pad + 24 data.
   ASSERT_EQ(file.size(), 32u + 40u);
   EXPECT_EQ(file.substr(16, 15), bytes_of(odd));
@@ -83,10 +64,9 @@ TEST_F(MapFile, OddByteMapIsPaddedAndRecordsFollowEachOther) {
   EXPECT_EQ(int_at(file, 32), CV_16SC2);
   EXPECT_EQ(file.substr(48), bytes_of(pairs));
 
-  std::ifstream is(path, std::ios::binary);
   cv::Mat a, b;
-  ASSERT_TRUE(load_map(is, a));
-  ASSERT_TRUE(load_map(is, b));
+  ASSERT_TRUE(load_map(ss, a));
+  ASSERT_TRUE(load_map(ss, b));
   EXPECT_EQ(a.type(), CV_8UC1);
   EXPECT_EQ(a.size(), cv::Size(5, 3));
   EXPECT_EQ(bytes_of(a), bytes_of(odd));

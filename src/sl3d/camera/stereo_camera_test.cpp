@@ -9,29 +9,29 @@
 #include <filesystem>
 #include <fstream>
 
-#include <unistd.h>
-
 #include <opencv2/calib3d.hpp>
 
 #include <sl3d/camera/stereo_camera.h>
 #include <sl3d/sim/sim_calibration.h>
 #include <sl3d/sim/virtual_sensor.h>
 
+#include "camera_test_util.h"
+
 namespace {
 
 namespace fs = std::filesystem;
 
-sl3d::SimRig small_rig() {
-  sl3d::SimRig rig = sl3d::SimRig::scaled(320, 256);
-  return rig;
-}
+// The true cameras as a calibration delivers them: camera 0 in the world
+// frame, camera 1's pose relative to camera 0.
+struct TruePair {
+  DistortCamera cams[2] = {DistortCamera(cv::Size(0, 0), "cam0"),
+                           DistortCamera(cv::Size(0, 0), "cam1")};
+  TruePair() { sl3d::calibrated_pair(sl3d::default_raw_cameras(sl3d::SimRig::scaled(320, 256)), cams); }
+};
 
 StereoCamera rectified_pair() {
-  // The true cameras as a calibration delivers them: camera 0 in the world
-  // frame, camera 1's pose relative to camera 0.
-  DistortCamera cams[2] = {DistortCamera(cv::Size(0, 0), "cam0"), DistortCamera(cv::Size(0, 0), "cam1")};
-  sl3d::calibrated_pair(sl3d::default_raw_cameras(small_rig()), cams);
-  return StereoCamera(cams, -1.0, 0, cv::Size(0, 0), cv::Scalar(0), cv::Scalar(0));
+  TruePair truth;
+  return StereoCamera(truth.cams, -1.0, 0, cv::Size(0, 0), cv::Scalar(0), cv::Scalar(0));
 }
 
 // Raw pixel of camera i -> rectified pixel, by OpenCV's own point mapping.
@@ -44,10 +44,8 @@ cv::Point2d rectify_point(const StereoCamera& pair, const DistortCamera& raw, in
 }
 
 TEST(StereoCamera, RectifiedMatchesShareARowAndTriangulateToTheTruth) {
-  // The true cameras as a calibration delivers them: camera 0 in the world
-  // frame, camera 1's pose relative to camera 0.
-  DistortCamera cams[2] = {DistortCamera(cv::Size(0, 0), "cam0"), DistortCamera(cv::Size(0, 0), "cam1")};
-  sl3d::calibrated_pair(sl3d::default_raw_cameras(small_rig()), cams);
+  TruePair truth;
+  DistortCamera (&cams)[2] = truth.cams;
   StereoCamera pair(cams, -1.0, 0, cv::Size(0, 0), cv::Scalar(0), cv::Scalar(0));
   EXPECT_TRUE(pair.is_horizontal_stereo());
   EXPECT_EQ(pair.cameras[0].name, "stereoL");
@@ -104,23 +102,17 @@ TEST(StereoCamera, ParallelRaysAndSingularSystemsReportThemselves) {
 
 class StereoDirectory : public ::testing::Test {
  protected:
-  void SetUp() override {
-    dir_ = fs::temp_directory_path() / ("sl3d_stereo_" + std::to_string(::getpid()) + "_" +
-                                        ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::create_directories(dir_);
-  }
-  void TearDown() override { fs::remove_all(dir_); }
-  std::string path(const std::string& file) const { return (dir_ / file).string(); }
-  fs::path dir_;
+  std::string path(const std::string& file) const { return dir_.file(file); }
+  sl3d::testing::ScratchDir dir_{"stereo"};
 };
 
 TEST_F(StereoDirectory, YamlFormReloadsTheSamePair) {
   StereoCamera pair = rectified_pair();
-  ASSERT_TRUE(pair.save(dir_.string()));
+  ASSERT_TRUE(pair.save(dir_.path().string()));
   EXPECT_TRUE(fs::exists(path("stereo_param.yaml")));
   EXPECT_TRUE(fs::exists(path("rect0.map")));
   StereoCamera loaded(cv::Size(0, 0));
-  ASSERT_TRUE(loaded.load(dir_.string()));
+  ASSERT_TRUE(loaded.load(dir_.path().string()));
   EXPECT_EQ(cv::norm(loaded.Q, pair.Q, cv::NORM_INF), 0.0);
   EXPECT_EQ(loaded.oldcamSize, pair.oldcamSize);
   EXPECT_EQ(cv::norm(loaded.cam1_R2, pair.cam1_R2, cv::NORM_INF), 0.0);
@@ -153,10 +145,8 @@ TEST_F(StereoDirectory, BinaryFormReloadsWithARecalculatedQ) {
 }
 
 TEST_F(StereoDirectory, CameraFilesAreRectifiedOnLoad) {
-  // The true cameras as a calibration delivers them: camera 0 in the world
-  // frame, camera 1's pose relative to camera 0.
-  DistortCamera cams[2] = {DistortCamera(cv::Size(0, 0), "cam0"), DistortCamera(cv::Size(0, 0), "cam1")};
-  sl3d::calibrated_pair(sl3d::default_raw_cameras(small_rig()), cams);
+  TruePair truth;
+  DistortCamera (&cams)[2] = truth.cams;
   for (int i = 0; i < 2; ++i) {
     cv::FileStorage out(path("cam" + std::to_string(i) + "_param.yaml"), cv::FileStorage::WRITE);
     ASSERT_TRUE(cams[i].save(&out));

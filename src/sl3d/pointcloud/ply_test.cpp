@@ -108,24 +108,6 @@ TEST(WritePly, EmptyCloudsGiveCompleteHeaders) {
   EXPECT_EQ(d.grid, std::vector<unsigned int>(grid, grid + 6));
 }
 
-TEST(WritePly, OnePointAndTwoCellGridByteForByte) {
-  const PointCloudElement p{1.5f, -2.0f, 0.25f, 10, 20, 30, 0xAB};
-  const unsigned int grid[2] = {0, kNone};
-  const TempFile ply_file("one.ply");
-  EXPECT_EQ(writePLY(ply_file.path, &p, 1, grid, 2, 1), 0);
-  const std::string header = expected_header(1, 2, 1, true);
-  const Bytes body = {
-      0x00, 0x00, 0xC0, 0x3F,  // 1.5f
-      0x00, 0x00, 0x00, 0xC0,  // -2.0f
-      0x00, 0x00, 0x80, 0x3E,  // 0.25f
-      10,   20,   30,          // colour; the padding byte is not written
-      0x01, 0x00, 0x00, 0x00, 0x00,  // cell 0: one index, 0
-      0x00};                         // cell 1: empty
-  Bytes expected(header.begin(), header.end());
-  expected.insert(expected.end(), body.begin(), body.end());
-  EXPECT_EQ(read_file(ply_file.path), expected);
-}
-
 TEST(WritePly, FailuresAndDegenerateGrids) {
   // A file that cannot be opened: 0 and nothing created.
   const std::string dir = testing::TempDir() + "sl3d_ply_no_such_dir";

@@ -49,17 +49,6 @@ class Frames {
   PhaseShift* gen_;
 };
 
-TEST(PhaseShiftParams, FitWidthOtherThanThreeOrFiveBecomesThree) {
-  auto* gen = static_cast<PhaseShift*>(createPointCloudGenerator(0));
-  PhaseShiftParams p;
-  for (int requested : {3, 4, 5, 0, 7}) {
-    p.fit_width = requested;
-    gen->setparams(&p);
-    EXPECT_EQ(gen->params().fit_width, requested == 5 ? 5 : 3) << requested;
-  }
-  gen->destroy();
-}
-
 TEST(PhaseShiftIntake, PaddedRowsAreSkipped) {
   auto* gen = static_cast<PhaseShift*>(createPointCloudGenerator(0));
   ASSERT_TRUE(gen->init(3, 2));
@@ -137,27 +126,6 @@ TEST(GrayCode, PartialBlocksAtTheEdgesAreClipped) {
   gen.check_code7(0);
   EXPECT_EQ(gen.status_map(0)(9, 11), 201);
   EXPECT_EQ(gen.status_map(0)(9, 10), 0);
-}
-
-TEST(Phase, WrappedPhaseIsAtan2OfTheFringeDifferences) {
-  Frames f(4, 1);
-  const int fringes[4][4] = {{100, 100, 100, 100},   // flat: atan2(0, 0) = 0
-                             {100, 50, 100, 150},    // +pi/2
-                             {150, 100, 50, 100},    // pi
-                             {100, 120, 200, 100}};  // atan2(-20, 100)
-  for (int x = 0; x < 4; ++x)
-    for (int k = 0; k < 4; ++k) f.at(9 + k, x, 0) = static_cast<unsigned char>(fringes[x][k]);
-  PhaseShift& gen = f.hand_in();
-  gen.mk_code7(0);
-  gen.check_code7(0);
-  const unsigned char status_before = gen.status_map(0)(0, 0);
-  gen.mk_phase(0);
-  const auto& p = gen.phase_map(0);
-  EXPECT_EQ(p(0, 0), 0.0);
-  EXPECT_EQ(gen.status_map(0)(0, 0), status_before);
-  EXPECT_DOUBLE_EQ(p(0, 1), M_PI / 2);
-  EXPECT_DOUBLE_EQ(p(0, 2), M_PI);
-  EXPECT_DOUBLE_EQ(p(0, 3), std::atan2(-20.0, 100.0));
 }
 
 // One row whose code and wrapped phase are given directly; returns the
