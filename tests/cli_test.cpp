@@ -360,12 +360,11 @@ TEST_F(CliTest, ScansRawCapturesThroughTheCalibrationOntoTheTrueSurfaces) {
   const sl3d::VirtualSensor sensor(rig);
   const std::array<sl3d::SimCamera, 2> cameras = sl3d::default_raw_cameras(rig);
   const fs::path calib = raw_dir() / "calib";
-  // Points are in the left rectified frame; the pair's YAML form keeps the
-  // rotation into it.
-  StereoCamera pair(cv::Size(0, 0));
-  ASSERT_TRUE(pair.load(calib.string()));
-  const cv::Matx33d world_from_rect =
-      sl3d::cam0_from_world(cameras).t() * cv::Matx33d(cv::Mat(pair.cam0_R2)).t();
+  // Points are in the left rectified frame; camera 0 sits at the world's
+  // origin, so a rotation takes them to the world.
+  cv::Matx33d world_from_rect;
+  cv::Vec3d offset;
+  ASSERT_TRUE(sl3d::world_from_rect(calib.string(), cameras, world_from_rect, offset));
 
   // Every mode is checked against the truth by the library's end-to-end
   // test; here the tool's route to two of them.
@@ -390,7 +389,7 @@ TEST_F(CliTest, ScansRawCapturesThroughTheCalibrationOntoTheTrueSurfaces) {
     ASSERT_EQ(ply.cols * ply.rows, kWidth * kHeight);
     std::vector<double> distances;
     for (const cv::Vec3f& p : ply.xyz) {
-      distances.push_back(sensor.distance_to_scene(world_from_rect * cv::Vec3d(p)));
+      distances.push_back(sensor.distance_to_scene(world_from_rect * cv::Vec3d(p) + offset));
     }
     EXPECT_GT(distances.size(), kWidth * kHeight / (c.method[0] == 'p' ? 2u : 10u));
     ASSERT_FALSE(distances.empty());
