@@ -15,7 +15,8 @@ shift 5
 mkdir -p "$out"
 
 run_one() {
-  local t=$1 log="$out/fuzz-$t.log"
+  local t=$1
+  local log="$out/fuzz-$t.log"
   mkdir -p "$corpus/$t"
   if "$bin/$t" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=4096 \
       -print_final_stats=1 -artifact_prefix="$out/fuzz-$t-" "$corpus/$t" >"$log" 2>&1; then
