@@ -86,12 +86,27 @@ void key_file_seeds() {
        }));
 }
 
+// png_fuzz's built files: width and height less one (16 bits each), then the
+// rows, each behind its filter byte; every filter is used.
+std::string filtered_rows(const cv::Mat& frame) {
+  const int w = frame.cols - 1, h = frame.rows - 1;
+  std::string bytes = {char(w >> 8), char(w), char(h >> 8), char(h)};
+  for (int y = 0; y < frame.rows; ++y) {
+    bytes += char(y % 5);
+    bytes.append(frame.ptr<char>(y), static_cast<std::size_t>(frame.cols));
+  }
+  return bytes;
+}
+
 void image_seeds() {
   const sl3d::VirtualSensor sensor(sl3d::SimRig::scaled(32, 24));
   seed("q_yaml_fuzz", "q.yaml", sl3d::q_matrix_yaml(sensor.ground_truth().q));
   const cv::Mat frame = sensor.render_textured(0);
   const std::vector<unsigned char> png = sl3d::encode_png(frame, "seed");
-  seed("png_fuzz", "textured.png", std::string(png.begin(), png.end()));
+  const std::string file(png.begin(), png.end());
+  seed("png_fuzz", "textured.png", std::string(1, '\0') + file);
+  seed("png_fuzz", "textured_crc_fixed.png", "\x01" + file);
+  seed("png_fuzz", "rows", "\x02" + filtered_rows(frame));
   const PhaseShiftParams params;
   seed("phaseshift_fuzz", "defaults",
        std::string(reinterpret_cast<const char*>(&params), sizeof params));
