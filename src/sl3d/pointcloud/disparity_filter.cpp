@@ -1,4 +1,5 @@
 #include <sl3d/pointcloud/disparity_filter.h>
+#include <sl3d/pointcloud/threads.h>
 
 #include <cmath>
 #include <cstddef>
@@ -169,36 +170,48 @@ bool next_to_unmatched(const RecordGrid& grid, const FittedRejects& rejects, int
   return false;
 }
 
+// Whether record i at (x, y) fails the neighbour tests.
+bool fails_neighbour_tests(const double* records, const RecordGrid& grid,
+                           const FittedRejects& rejects, const DisparityFilterOptions& options,
+                           const std::vector<Verdict>& verdict, int i, int x, int y) {
+  static const int kRightLower[2][2] = {{1, 0}, {0, 1}};
+  static const int kAllSides[4][2] = {{1, 0}, {0, 1}, {-1, 0}, {0, -1}};
+  if (steep_ramp(records, grid, rejects, verdict, x, y, options.max_span_step) ||
+      (options.drop_unmatched_border && next_to_unmatched(grid, rejects, x, y))) {
+    return true;
+  }
+  const int (*sides)[2] = options.check_all_sides ? kAllSides : kRightLower;
+  const int side_count = options.check_all_sides ? 4 : 2;
+  for (int s = 0; s < side_count; ++s) {
+    const double d =
+        neighbour_disparity(records, grid, rejects, verdict, x + sides[s][0], y + sides[s][1]);
+    if (std::fabs(d - disparity(records, i)) > options.max_neighbour_step) return true;
+  }
+  return false;
+}
+
 // Judged against the records that passed the earlier tests, all at once,
-// so that the order of the pixels does not matter.
+// so that the order of the pixels does not matter; hence also the same
+// verdicts on any number of threads (each chunk of rows only reads them).
 void mark_neighbour_steps(const double* records, const RecordGrid& grid,
                           const FittedRejects& rejects, const DisparityFilterOptions& options,
                           std::vector<Verdict>& verdict) {
-  static const int kRightLower[2][2] = {{1, 0}, {0, 1}};
-  static const int kAllSides[4][2] = {{1, 0}, {0, 1}, {-1, 0}, {0, -1}};
-  const int (*sides)[2] = options.check_all_sides ? kAllSides : kRightLower;
-  const int side_count = options.check_all_sides ? 4 : 2;
-  std::vector<int> failed;
-  for (int y = 0; y < grid.height(); ++y) {
-    for (int x = 0; x < grid.width(); ++x) {
-      const int i = live_record(grid, verdict, x, y);
-      if (i == kNoRecord) continue;
-      if (steep_ramp(records, grid, rejects, verdict, x, y, options.max_span_step) ||
-          (options.drop_unmatched_border && next_to_unmatched(grid, rejects, x, y))) {
-        failed.push_back(i);
-        continue;
-      }
-      for (int s = 0; s < side_count; ++s) {
-        const int nx = x + sides[s][0], ny = y + sides[s][1];
-        const double d = neighbour_disparity(records, grid, rejects, verdict, nx, ny);
-        if (std::fabs(d - disparity(records, i)) > options.max_neighbour_step) {
-          failed.push_back(i);
-          break;
+  const int chunks = detail::chunks_for(grid.height(), 64);
+  std::vector<std::vector<int>> failed(static_cast<std::size_t>(chunks));
+  detail::run_chunks(chunks, grid.height(), [&](int chunk, int begin, int end) {
+    for (int y = begin; y < end; ++y) {
+      for (int x = 0; x < grid.width(); ++x) {
+        const int i = live_record(grid, verdict, x, y);
+        if (i != kNoRecord &&
+            fails_neighbour_tests(records, grid, rejects, options, verdict, i, x, y)) {
+          failed[std::size_t(chunk)].push_back(i);
         }
       }
     }
+  });
+  for (const std::vector<int>& part : failed) {
+    for (int i : part) verdict[i] = kStep;
   }
-  for (int i : failed) verdict[i] = kStep;
 }
 
 // Flood fill over connected records; patches below the minimum size go.
