@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstddef>
 #include <exception>
+#include <utility>
 #include <vector>
 
 #include <sl3d/psft/psft.h>
@@ -214,41 +215,59 @@ void mark_neighbour_steps(const double* records, const RecordGrid& grid,
   }
 }
 
-// Flood fill over connected records; patches below the minimum size go.
+// Patches as a union-find over the records: a root holds minus its patch's
+// size, any other record a record of its patch nearer the root.
+class Patches {
+ public:
+  explicit Patches(std::size_t count) : link_(count, -1) {}
+  int root(int i) {
+    while (link_[i] >= 0) {
+      if (link_[link_[i]] >= 0) link_[i] = link_[link_[i]];  // halve the path
+      i = link_[i];
+    }
+    return i;
+  }
+  void join(int i, int n) {
+    int a = root(i), b = root(n);
+    if (a == b) return;
+    if (link_[a] > link_[b]) std::swap(a, b);  // a: the larger patch
+    link_[a] += link_[b];
+    link_[b] = a;
+  }
+  int size(int i) { return -link_[root(i)]; }
+
+ private:
+  std::vector<int> link_;
+};
+
+// Patches are the connected sets of records whose 4-neighbours differ by at
+// most max_patch_step; those below the minimum size go. Labelled in one pass
+// over the rows, joining each record with its left and upper neighbours:
+// that reads the records in their own order, where a flood fill walks a
+// large patch in its pixels' neighbour order and waits on memory.
 void mark_small_patches(const double* records, const RecordGrid& grid,
                         const DisparityFilterOptions& options, std::vector<Verdict>& verdict) {
-  static const int kSides[4][2] = {{1, 0}, {0, 1}, {-1, 0}, {0, -1}};
-  std::vector<char> seen(std::size_t(grid.width()) * grid.height(), 0);
-  std::vector<int> patch, stack;
-  for (int y0 = 0; y0 < grid.height(); ++y0) {
-    for (int x0 = 0; x0 < grid.width(); ++x0) {
-      if (seen[std::size_t(y0) * grid.width() + x0] ||
-          live_record(grid, verdict, x0, y0) == kNoRecord)
-        continue;
-      patch.clear();
-      stack.assign(1, y0 * grid.width() + x0);
-      seen[std::size_t(y0) * grid.width() + x0] = 1;
-      while (!stack.empty()) {
-        const int p = stack.back();
-        stack.pop_back();
-        const int x = p % grid.width(), y = p / grid.width();
-        const int i = grid.at(x, y);
-        patch.push_back(i);
-        for (const auto& side : kSides) {
-          const int nx = x + side[0], ny = y + side[1];
-          const int n = live_record(grid, verdict, nx, ny);
-          if (n == kNoRecord || seen[std::size_t(ny) * grid.width() + nx]) continue;
-          if (std::fabs(disparity(records, n) - disparity(records, i)) > options.max_patch_step)
-            continue;
-          seen[std::size_t(ny) * grid.width() + nx] = 1;
-          stack.push_back(ny * grid.width() + nx);
+  Patches patches(verdict.size());
+  for (int y = 0; y < grid.height(); ++y) {
+    for (int x = 0; x < grid.width(); ++x) {
+      const int i = live_record(grid, verdict, x, y);
+      if (i == kNoRecord) continue;
+      for (const int n : {live_record(grid, verdict, x - 1, y), live_record(grid, verdict, x, y - 1)}) {
+        if (n != kNoRecord &&
+            std::fabs(disparity(records, n) - disparity(records, i)) <= options.max_patch_step) {
+          patches.join(i, n);
         }
-      }
-      if (int(patch.size()) < options.min_patch_size) {
-        for (int i : patch) verdict[i] = kPatch;
       }
     }
   }
+  // Every size is read before any record is marked.
+  std::vector<int> small;
+  for (int i : grid.cells()) {
+    if (i != kNoRecord && verdict[i] == kKeep && patches.size(i) < options.min_patch_size) {
+      small.push_back(i);
+    }
+  }
+  for (int i : small) verdict[i] = kPatch;
 }
 
 // Moves the kept records to the front, in order; returns the report.
