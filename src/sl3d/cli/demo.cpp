@@ -108,15 +108,6 @@ PrintedBoard print_board(const std::string& out_dir) {
   return board;
 }
 
-// The printed bitmap placed on the board's layout: the layout's origin is
-// the centre of circle (0, 0), a margin in from the drawing's corner.
-BoardTexture texture_of(const PrintedBoard& board) {
-  const BoardDesign& d = board.print.design;
-  const double ppmm = pixels_per_mm(board.print.dpi);
-  const cv::Point2d corner = board_raster_offset(d, ppmm, board.print.page);
-  return BoardTexture(board.png, ppmm, corner + cv::Point2d(d.margin, d.margin) * ppmm);
-}
-
 // Renders and writes the board views of the printed board, calibrates from
 // the written images as `sl3d calibrate` does, and writes the calibration
 // directory. Returns the calibrated cameras and the directory of the true
@@ -138,7 +129,8 @@ DemoCalibration calibrate_from_boards(const std::string& out_dir, const SimRig& 
   const BoardRecords records = read_board_params(printed.key_file);
   SynthBoard board = synth_board(printed.print.design, records.marker.min_radius);
   board.params_text = read_text(printed.key_file);
-  const BoardTexture texture = texture_of(printed);
+  const BoardTexture texture = board_texture(
+      printed.print.design, printed.png, pixels_per_mm(printed.print.dpi), printed.print.page);
   const StereoBoardSet set = render_stereo_boards(board, rig.width, rig.height, imaging, &texture);
   const std::string boards_dir = (fs::path(out_dir) / kBoardsSubdir).string();
   const std::array<std::vector<std::string>, 2> paths = write_stereo_boards(set, boards_dir);

@@ -10,6 +10,7 @@
 
 #include <sl3d/sim/sim_calibration.h>
 
+#include "board.h"
 #include "board_family.h"
 #include "board_params.h"
 #include "commands.h"
@@ -75,9 +76,16 @@ StereoBoardSet render_stereo_boards(BoardFamily family, int width, int height,
                                     const BoardImaging& imaging) {
   const BoardGrid grid = BoardGrid::calibration();
   const double focal_px = SimRig::scaled(width, height).focal_px;
-  return render_stereo_boards(
-      synth_board(family, min_radius_for(grid, focal_px, kCalibrationFarMm), grid), width, height,
-      imaging);
+  const SynthBoard board =
+      synth_board(family, min_radius_for(grid, focal_px, kCalibrationFarMm), grid);
+  // The cameras photograph the board as `sl3d board` prints it: its bitmap
+  // at the print resolution, filtered over each pixel's footprint. Circles
+  // sampled analytically at a few points per pixel leave quantised edges
+  // whose centre scatter a calibration to a tenth of a pixel cannot afford.
+  const double ppmm = pixels_per_mm(BoardPrint().dpi);
+  const BoardTexture texture =
+      board_texture(board.design, board_raster(board.design, ppmm), ppmm);
+  return render_stereo_boards(board, width, height, imaging, &texture);
 }
 
 StereoBoardSet render_stereo_boards(const SynthBoard& board, int width, int height,

@@ -38,6 +38,13 @@ BoardLayout board_layout(const BoardDesign& design) {
   return layout;
 }
 
+BoardTexture board_texture(const BoardDesign& design, const cv::Mat& bitmap,
+                           double pixels_per_unit, cv::Size2d page) {
+  const cv::Point2d corner = board_raster_offset(design, pixels_per_unit, page);
+  return BoardTexture(bitmap, pixels_per_unit,
+                      corner + cv::Point2d(design.margin, design.margin) * pixels_per_unit);
+}
+
 SynthBoard synth_board(BoardFamily family, double min_radius, const BoardGrid& grid) {
   return synth_board(design_of(family, grid), min_radius);
 }

@@ -67,6 +67,15 @@ SL3D_EXPORT SynthBoard synth_board(const BoardDesign& design, double min_radius)
 // circle (i, j) of the layout, centred at (i * spacing, j * spacing).
 SL3D_EXPORT BoardLayout board_layout(const BoardDesign& design);
 
+// The printed bitmap of `design` (board_raster's drawing at
+// `pixels_per_unit`, on `page` as board_raster lays it out) placed on
+// board_layout(design): the layout's origin is the centre of circle (0, 0),
+// a margin in from the drawing's corner. Cameras that photograph this
+// texture see the board as printed, edges filtered over each pixel's
+// footprint, instead of the analytic drawing.
+SL3D_EXPORT BoardTexture board_texture(const BoardDesign& design, const cv::Mat& bitmap,
+                                       double pixels_per_unit, cv::Size2d page = cv::Size2d());
+
 // Half the radius in pixels of a ring's hole seen frontally at
 // `distance_mm` by a camera of `focal_px`, capped at 5 px: room for the
 // holes of tilted views.
