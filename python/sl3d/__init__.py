@@ -202,8 +202,9 @@ class StereoCalib(_sl3d._StereoCalib):
     def exec_precisely(self, left, right, left_images, right_images, circle_radius=None,
                        remeasure=True, refine=True):
         """Calibrates as exec does, from the markers measured again in the
-        images (left_images[i] the image left[i] was recognised in), then
-        refines the calibration for the circle-centre bias: the centre of a
+        images (left_images[i] the image left[i] was recognised in), leaves
+        out views whose two images disagree about the board's pose (markers
+        numbered differently; see report["left_out_views"]), then refines the calibration for the circle-centre bias: the centre of a
         circle's imaged outline is not the image of its centre. Needs the
         circles' radius in the unit of unit_length unless refine is False.
         Returns a PreciseCalibrationResult; raises CalibrationError as exec."""
@@ -215,7 +216,7 @@ class StereoCalib(_sl3d._StereoCalib):
 PreciseCalibrationResult = namedtuple("PreciseCalibrationResult", "cameras errors rms report")
 PreciseCalibrationResult.__doc__ = """A CalibrationResult with `report`: markers
 remeasured / unmeasured, their mean and largest shift and edge residual (px),
-the first calibration's RMS, whether the refinement converged and its steps
+the views left out as (view, error px) pairs, the first calibration's RMS, whether the refinement converged and its steps
 (rms, intrinsics_change_px, mean and max outline offset per step)."""
 
 

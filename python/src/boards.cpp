@@ -429,6 +429,9 @@ class Calibrator {
     d["max_shift_px"] = r.max_shift_px;
     d["mean_residual_px"] = r.mean_residual_px;
     d["first_rms"] = r.first_rms;
+    py::list left_out;
+    for (const LeftOutView& v : r.left_out) left_out.append(py::make_tuple(v.view, v.error_px));
+    d["left_out_views"] = left_out;
     d["converged"] = r.refinement.converged;
     py::list steps;
     for (const CentreRefinementStep& s : r.refinement.steps) {

@@ -1,8 +1,12 @@
 #include <sl3d/calibrator/precise_calibration.h>
 
 #include <algorithm>
+#include <cfloat>
 #include <cmath>
 #include <exception>
+#include <limits>
+
+#include <opencv2/calib3d.hpp>
 
 namespace sl3d {
 
@@ -60,6 +64,92 @@ bool remeasure(StereoCalib& calib, const std::vector<std::vector<cv::Mat>>& imag
   return true;
 }
 
+// RMS distance, pixels, between the right image's markers of each view and
+// where the board pose solved from the left image puts them through the
+// calibrated pair; NaN where a side has fewer than four markers. A view
+// whose two images number the markers differently (one recognizer result
+// counted from another base marker) is off by whole spacings here, while
+// each image alone fits its camera.
+std::vector<double> stereo_view_errors(iCalibBoardRecognizer& recognizer,
+                                       const std::vector<DistortCamera>& cams,
+                                       const Observations& points) {
+  const int markers = recognizer.get_marker_range().area();
+  const cv::Matx33d world_from_cam0 = cv::Matx33d(cams[0].R).t();
+  const cv::Vec3d cam0_in_world = -(world_from_cam0 * cv::Vec3d(cv::Mat_<double>(cams[0].T)));
+  std::vector<double> view_errors(points[0].size(), std::numeric_limits<double>::quiet_NaN());
+  for (std::size_t v = 0; v < points[0].size() && v < points[1].size(); ++v) {
+    std::vector<cv::Point3f> board;
+    std::vector<cv::Point2f> left;
+    std::vector<int> index;
+    const int n = std::min<int>(markers, int(points[0][v].size()));
+    for (int k = 0; k < n; ++k) {
+      if (points[0][v][k].x == FLT_MAX) continue;
+      board.push_back(recognizer.get_3d_position(k));
+      left.push_back(points[0][v][k]);
+      index.push_back(k);
+    }
+    cv::Mat rvec, tvec;
+    if (board.size() < 4 ||
+        !cv::solvePnP(board, left, cv::Mat(cams[0].K), cv::Mat(cams[0].D), rvec, tvec)) {
+      continue;
+    }
+    cv::Matx33d cam0_from_board;
+    cv::Rodrigues(rvec, cam0_from_board);
+    double sum = 0.0;
+    int count = 0;
+    for (std::size_t i = 0; i < board.size(); ++i) {
+      const int k = index[i];
+      if (k >= int(points[1][v].size()) || points[1][v][k].x == FLT_MAX) continue;
+      const cv::Vec3d in_cam0 = cam0_from_board * cv::Vec3d(board[i].x, board[i].y, board[i].z) +
+                                cv::Vec3d(tvec);
+      const cv::Vec3d world = world_from_cam0 * in_cam0 + cam0_in_world;
+      const cv::Point2d predicted = cams[1].project_forw({world[0], world[1], world[2]});
+      const cv::Point2d d = predicted - cv::Point2d(points[1][v][k]);
+      sum += d.dot(d);
+      ++count;
+    }
+    if (count >= 4) view_errors[v] = std::sqrt(sum / count);
+  }
+  return view_errors;
+}
+
+// Views whose error (stereo_view_errors) exceeds both `floor_px` and ten
+// times the median view's. A wrongly numbered view drags the whole
+// calibration, so the good views' errors grow too, but stay well apart.
+std::vector<int> inconsistent_views(const std::vector<double>& view_errors, double floor_px) {
+  std::vector<double> finite;
+  for (double e : view_errors)
+    if (std::isfinite(e)) finite.push_back(e);
+  if (finite.size() < 3) return {};
+  std::nth_element(finite.begin(), finite.begin() + finite.size() / 2, finite.end());
+  const double limit = std::max(floor_px, 10.0 * finite[finite.size() / 2]);
+  std::vector<int> views;
+  for (std::size_t v = 0; v < view_errors.size(); ++v)
+    if (view_errors[v] > limit) views.push_back(int(v));
+  return views;
+}
+
+// Leaves out, in both images, every view inconsistent_views finds and
+// calibrates again, until none is left; false when a calibration fails.
+bool leave_out_inconsistent_views(StereoCalib& calib, std::vector<DistortCamera>& cams,
+                                  Observations& observations,
+                                  std::vector<std::vector<double>>& errors, double floor_px,
+                                  PreciseCalibration& result) {
+  for (;;) {
+    const std::vector<double> view_errors =
+        stereo_view_errors(*calib.recognizer, cams, observations);
+    const std::vector<int> views = inconsistent_views(view_errors, floor_px);
+    if (views.empty()) return true;
+    for (int v : views) {
+      result.left_out.push_back({v, view_errors[v]});
+      observations[0][v].clear();
+      observations[1][v].clear();
+    }
+    result.code = calib.exec(cams, observations, errors, &result.first_rms);
+    if (result.code != 0) return false;
+  }
+}
+
 PreciseCalibration calibrate(StereoCalib& calib, const std::vector<std::vector<cv::Mat>>& images,
                              const Observations& points, std::vector<DistortCamera>& cams,
                              std::vector<std::vector<double>>& errors,
@@ -72,6 +162,11 @@ PreciseCalibration calibrate(StereoCalib& calib, const std::vector<std::vector<c
     return result;
   result.code = calib.exec(cams, observations, errors, &result.first_rms);
   if (result.code != 0) return result;
+  if (options.view_outlier_px > 0.0 &&
+      !leave_out_inconsistent_views(calib, cams, observations, errors, options.view_outlier_px,
+                                    result)) {
+    return result;
+  }
   result.points = observations;
   if (!options.refine) return result;
   CentreRefinementOptions refinement = options.refinement;

@@ -8,7 +8,8 @@
 // perspective, a few tenths of a pixel off the images of the circles'
 // centres. Both errors go into the cameras. calibrate_stereo_precisely
 // re-measures every marker (measure_marker_centres), calibrates with the
-// driver as StereoCalib::exec does, and then refines that calibration for
+// driver as StereoCalib::exec does, leaves out views whose two images
+// disagree about the board's pose and calibrates again, and then refines that calibration for
 // the bias (refine_stereo_calibration, with the model of the re-measured
 // centre). On rendered views of 1280 x 1024 this brings focal lengths and
 // principal points from several tenths of a pixel to within about 0.1 px of
@@ -46,6 +47,21 @@ struct SL3D_EXPORT PreciseCalibrationOptions {
   // outline_centre is chosen to match `remeasure`.
   bool refine = true;
   CentreRefinementOptions refinement;
+  // After the first calibration, a view whose right image lies more than
+  // this many pixels (RMS), and more than ten times the median view, from
+  // where the left image's board pose puts it is left out in both images
+  // and the pair calibrated again. Such a view has its markers numbered
+  // differently in its two images (a recognizer that counted from another
+  // base marker in one of them): each image alone fits its camera, but the
+  // pair is pulled by whole spacings. 0 keeps every view.
+  double view_outlier_px = 1.0;
+};
+
+// A view left out of the calibration and its error, pixels (RMS), at the
+// time: see PreciseCalibrationOptions::view_outlier_px.
+struct SL3D_EXPORT LeftOutView {
+  int view = -1;
+  double error_px = 0.0;
 };
 
 struct SL3D_EXPORT PreciseCalibration {
@@ -62,7 +78,10 @@ struct SL3D_EXPORT PreciseCalibration {
   double mean_shift_px = 0.0;
   double max_shift_px = 0.0;
   double mean_residual_px = 0.0;
-  // Stereo RMS reprojection error of the first calibration, pixels.
+  // Views left out because their two images disagree, in the order found.
+  std::vector<LeftOutView> left_out;
+  // Stereo RMS reprojection error of the first calibration (after leaving
+  // out views), pixels.
   double first_rms = 0.0;
   // The refinement's steps and final observations (empty without `refine`).
   CentreRefinement refinement;

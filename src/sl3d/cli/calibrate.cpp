@@ -205,6 +205,19 @@ void print_refinement(const CentreRefinement& r) {
   if (!r.converged && r.code == 0) warn("circle-centre refinement: " + r.message);
 }
 
+// A view whose images number the markers differently calibrates nothing
+// good: it is left out, and the user told which.
+void warn_inconsistent_views(const CalibrationJob& job, const std::vector<LeftOutView>& views) {
+  for (const LeftOutView& v : views) {
+    char error[32];
+    std::snprintf(error, sizeof error, "%.1f", v.error_px);
+    warn("view " + std::to_string(v.view) + " (" + job.images[0][v.view].name + ", " +
+         job.images[1][v.view].name + ") left out: its right image lies " + error +
+         " px (RMS) from where the left image's board pose puts it, so the two images number "
+         "the markers differently");
+  }
+}
+
 std::vector<std::vector<cv::Mat>> job_images(const CalibrationJob& job) {
   std::vector<std::vector<cv::Mat>> images(2);
   for (int side = 0; side < 2; ++side) {
@@ -215,9 +228,10 @@ std::vector<std::vector<cv::Mat>> job_images(const CalibrationJob& job) {
 
 // Re-measured centres, a first calibration and, given the circles' radius,
 // the circle-centre refinement. A refinement that fails after a good first
-// calibration keeps that one, with a warning.
+// calibration keeps that one, with a warning. Views the calibration left out
+// for disagreeing images are cleared from `points`.
 int calibrate_precisely(StereoCalib& calib, const CalibrationJob& job,
-                        const std::vector<std::vector<std::vector<cv::Point2f>>>& points,
+                        std::vector<std::vector<std::vector<cv::Point2f>>>& points,
                         CalibrationResult& result, std::vector<std::vector<double>>& errors) {
   PreciseCalibrationOptions options;
   options.refine = job.circle_radius > 0.0;
@@ -233,6 +247,11 @@ int calibrate_precisely(StereoCalib& calib, const CalibrationJob& job,
     throw CliError("calibration failed: " + one_line(p.message));
   }
   if (!first_done) return p.code;
+  warn_inconsistent_views(job, p.left_out);
+  for (const LeftOutView& v : p.left_out) {
+    points[0][v.view].clear();
+    points[1][v.view].clear();
+  }
   print_remeasurement(p);
   print_refinement(p.refinement);
   result.stereo_rms = p.refinement.steps.empty() ? p.first_rms : p.refinement.steps.back().rms;
