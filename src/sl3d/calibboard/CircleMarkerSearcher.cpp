@@ -9,7 +9,6 @@
 
 namespace {
 
-constexpr double kPi = 3.141592653589793;
 constexpr double kFitTolerancePx = 1.5;
 
 // Contour points as the rows of an N x 2 double matrix.
@@ -27,7 +26,7 @@ double roundness(const RotatedEllipse& e) {
 }
 
 std::int32_t circumference_points(double radius) {
-  return sl3d::detail::truncate_to_int32(2.0 * kPi * radius + 0.5);
+  return sl3d::detail::truncate_to_int32(2.0 * CV_PI * radius + 0.5);
 }
 
 }  // namespace
@@ -40,7 +39,7 @@ double RotatedEllipse::fit(std::vector<cv::Point>& contour, double tolerance) {
   cv::PCA pca(data, cv::noArray(), cv::PCA::DATA_AS_ROW, 2);
   axes = pca.eigenvectors;
   center = cv::Point2d(pca.mean.at<double>(0, 0), pca.mean.at<double>(0, 1));
-  angle = std::atan2(axes.at<double>(0, 1), axes.at<double>(0, 0)) * 180.0 / kPi;
+  angle = std::atan2(axes.at<double>(0, 1), axes.at<double>(0, 0)) * 180.0 / CV_PI;
 
   const cv::Mat uv = pca.project(data);
   double min_u = DBL_MAX, max_u = -1.0, min_v = DBL_MAX, max_v = -1.0;

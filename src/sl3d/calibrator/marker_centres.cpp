@@ -12,8 +12,6 @@ namespace sl3d {
 
 namespace {
 
-constexpr double kTwoPi = 6.283185307179586;
-constexpr double kPi = 3.141592653589793;
 // Sampling steps along a ray, pixels: coarse for finding the edge, fine for
 // measuring it.
 constexpr double kCoarseStep = 0.5;
@@ -165,7 +163,7 @@ std::vector<cv::Point2d> edge_points(const MarkerImage& image, const cv::Point2d
   std::vector<cv::Point2d> edges;
   edges.reserve(std::size_t(rays));
   for (int r = 0; r < rays; ++r) {
-    const double angle = kTwoPi * r / rays;
+    const double angle = 2.0 * CV_PI * r / rays;
     const cv::Point2d reach = steps[0] * std::cos(angle) + steps[1] * std::sin(angle);
     const double length = std::hypot(reach.x, reach.y);
     const Ray ray{centre, reach * (1.0 / length), 0.5 * length};
@@ -219,7 +217,7 @@ int ray_count(const MarkerCentreOptions& options, const cv::Point2d steps[2]) {
   if (options.rays > 0) return std::min(options.rays, kMaxRays);
   // About one ray per pixel of a circle half a grid step in radius.
   const double cell = std::fabs(steps[0].x * steps[1].y - steps[0].y * steps[1].x);
-  return std::clamp(int(std::lround(kPi * std::sqrt(cell))), kMinRays, kMaxRays);
+  return std::clamp(int(std::lround(CV_PI * std::sqrt(cell))), kMinRays, kMaxRays);
 }
 
 // The ellipse centre of one marker; false when a test of the options fails.

@@ -16,7 +16,6 @@ namespace {
 
 using Observations = std::vector<std::vector<std::vector<cv::Point2f>>>;
 
-constexpr double kTwoPi = 6.283185307179586;
 // solvePnP needs four points; fewer leave a view uncorrected.
 constexpr std::size_t kMinPosePoints = 4;
 
@@ -226,7 +225,7 @@ cv::Point2d circle_outline_offset(const cv::Mat& K, const cv::Mat& D, const cv::
     board.reserve(std::size_t(samples) + 1);
     board.push_back(centre);
     for (int i = 0; i < samples; ++i) {
-      const double t = kTwoPi * i / samples;
+      const double t = 2.0 * CV_PI * i / samples;
       board.emplace_back(centre.x + radius * std::cos(t), centre.y + radius * std::sin(t),
                          centre.z);
     }

@@ -29,7 +29,6 @@ Field<Block> real_field(const char* name, double Block::*member, double lo, doub
 
 // Disparities and their steps never exceed the widest image OpenCV takes.
 constexpr double kMaxDisparity = 65536;
-constexpr double kTwoPi = 6.283185307179586;
 
 const std::vector<Field<PhaseShiftParams>>& phaseshift_fields() {
   using P = PhaseShiftParams;
@@ -37,10 +36,10 @@ const std::vector<Field<PhaseShiftParams>>& phaseshift_fields() {
       int_field("min_contrast", &P::min_contrast, 0, 255),
       int_field("max_white_level", &P::max_white_level, 0, 256),
       int_field("min_white_level", &P::min_white_level, 0, 256),
-      real_field("unwrap_phase_margin", &P::unwrap_phase_margin, 0, kTwoPi),
+      real_field("unwrap_phase_margin", &P::unwrap_phase_margin, 0, 2.0 * CV_PI),
       real_field("max_neighbor_disparity_step", &P::max_neighbor_disparity_step, 0,
                  kMaxDisparity, true),
-      real_field("max_phase_difference", &P::max_phase_difference, 0, kTwoPi, true),
+      real_field("max_phase_difference", &P::max_phase_difference, 0, 2.0 * CV_PI, true),
       real_field("max_brightness_ratio", &P::max_brightness_ratio, 0, 100),
       real_field("max_disparity", &P::max_disparity, -kMaxDisparity, kMaxDisparity),
       real_field("min_disparity", &P::min_disparity, -kMaxDisparity, kMaxDisparity),

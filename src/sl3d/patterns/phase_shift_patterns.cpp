@@ -6,7 +6,6 @@ namespace sl3d {
 
 namespace {
 
-constexpr double kPi = 3.14159265358979323846;
 constexpr int kFirstGrayFrame = 2;
 constexpr int kFirstFringeFrame = 9;
 constexpr int kGrayBits = 7;
@@ -25,9 +24,9 @@ std::vector<cv::Mat> pattern_rows(const PhaseShiftPatternLayout& layout) {
     }
     // Rounding the full-range sinusoid to the nearest level: an error of at
     // most half a level, the least 8 bits allow.
-    const double theta = 2.0 * kPi * (c + 0.5 - layout.first_column) / layout.period;
+    const double theta = 2.0 * CV_PI * (c + 0.5 - layout.first_column) / layout.period;
     for (int k = 0; k < 4; ++k) {
-      const double value = 127.5 + 127.5 * std::cos(theta - k * kPi / 2.0);
+      const double value = 127.5 + 127.5 * std::cos(theta - k * CV_PI / 2.0);
       rows[kFirstFringeFrame + k].at<uchar>(c) = cv::saturate_cast<uchar>(std::lround(value));
     }
   }
@@ -41,7 +40,7 @@ int PhaseShiftPatternLayout::period_index(double x) const {
 }
 
 double PhaseShiftPatternLayout::absolute_phase(double x) const {
-  return 2.0 * kPi * (x - first_column) / period - kPi;
+  return 2.0 * CV_PI * (x - first_column) / period - CV_PI;
 }
 
 int default_phase_shift_period(int width) { return width / kPhaseShiftPeriods; }
