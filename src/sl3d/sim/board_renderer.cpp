@@ -183,20 +183,12 @@ BoardRendering render_board(const BoardTexture& texture, const BoardLayout& layo
 DistortedBoardCamera::DistortedBoardCamera(const SimCamera& camera, int supersampling)
     : camera_(camera), supersampling_(std::max(1, supersampling)) {
   const int n = supersampling_;
-  std::vector<cv::Point2d> samples;
-  samples.reserve(std::size_t(camera.size.area()) * n * n);
+  rays_.reserve(std::size_t(camera.size.area()) * n * n);
   for (int v = 0; v < camera.size.height; ++v)
     for (int u = 0; u < camera.size.width; ++u)
       for (int sy = 0; sy < n; ++sy)
         for (int sx = 0; sx < n; ++sx)
-          samples.emplace_back(u + (sx + 0.5) / n - 0.5, v + (sy + 0.5) / n - 0.5);
-  std::vector<cv::Point2d> normalized;
-  // Inverting the lens model needs iterations; a tight criterion keeps the
-  // rendered geometry exact to far below a pixel.
-  cv::undistortPoints(samples, normalized, cv::Mat(camera.K), cv::Mat(camera.distortion),
-                      cv::noArray(), cv::noArray(),
-                      cv::TermCriteria(cv::TermCriteria::COUNT | cv::TermCriteria::EPS, 50, 1e-12));
-  rays_.assign(normalized.begin(), normalized.end());
+          rays_.emplace_back(camera.undistort({u + (sx + 0.5) / n - 0.5, v + (sy + 0.5) / n - 0.5}));
 }
 
 BoardRendering DistortedBoardCamera::render(const BoardLayout& layout,

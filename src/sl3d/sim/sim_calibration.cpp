@@ -103,14 +103,15 @@ CameraCalibrationError camera_error(const DistortCamera& calibrated, const SimCa
   e.fy = calibrated.K(1, 1) - truth.K(1, 1);
   e.cx = calibrated.K(0, 2) - truth.K(0, 2);
   e.cy = calibrated.K(1, 2) - truth.K(1, 2);
-  std::vector<cv::Point2d> pixels, rays;
-  for (int v = 0; v < truth.size.height; v += 16)
-    for (int u = 0; u < truth.size.width; u += 16) pixels.emplace_back(u, v);
-  cv::undistortPoints(pixels, rays, cv::Mat(truth.K), cv::Mat(truth.distortion), cv::noArray(),
-                      cv::noArray(),
-                      cv::TermCriteria(cv::TermCriteria::COUNT | cv::TermCriteria::EPS, 50, 1e-12));
+  std::vector<cv::Point2d> pixels;
   std::vector<cv::Point3d> rays3;
-  for (const cv::Point2d& r : rays) rays3.emplace_back(r.x, r.y, 1.0);
+  for (int v = 0; v < truth.size.height; v += 16) {
+    for (int u = 0; u < truth.size.width; u += 16) {
+      pixels.emplace_back(u, v);
+      const cv::Point2d ray = truth.undistort(pixels.back());
+      rays3.emplace_back(ray.x, ray.y, 1.0);
+    }
+  }
   std::vector<cv::Point2d> projected;
   cv::projectPoints(rays3, cv::Vec3d(0, 0, 0), cv::Vec3d(0, 0, 0), calibrated.K, calibrated.D,
                     projected);

@@ -262,17 +262,13 @@ VirtualSensor::RayCamera VirtualSensor::real_camera(const SimCamera& camera) con
   rays.size = camera.size;
   rays.origin = camera.center();
   rays.row_rays = [camera](int row, int n, std::vector<cv::Vec3d>& dirs) {
-    std::vector<cv::Point2d> samples, normalized;
+    std::vector<cv::Point2d> samples;
     sample_row(camera.size.width, row, n, samples);
-    // Inverting the lens model needs iterations; a tight criterion keeps
-    // the rendered geometry exact to far below a pixel.
-    cv::undistortPoints(samples, normalized, cv::Mat(camera.K), cv::Mat(camera.distortion),
-                        cv::noArray(), cv::noArray(),
-                        cv::TermCriteria(cv::TermCriteria::COUNT | cv::TermCriteria::EPS, 50, 1e-12));
     const cv::Matx33d world_from_cam = camera.cam_from_world_R.t();
-    dirs.resize(normalized.size());
-    for (std::size_t i = 0; i < normalized.size(); ++i) {
-      dirs[i] = world_from_cam * cv::Vec3d(normalized[i].x, normalized[i].y, 1.0);
+    dirs.resize(samples.size());
+    for (std::size_t i = 0; i < samples.size(); ++i) {
+      const cv::Point2d ray = camera.undistort(samples[i]);
+      dirs[i] = world_from_cam * cv::Vec3d(ray.x, ray.y, 1.0);
     }
   };
   return rays;
@@ -354,18 +350,31 @@ cv::Mat VirtualSensor::render_textured(const SimCamera& camera, const SimLight& 
 
 namespace {
 
-// Distorted pixel of a world point (as cv::projectPoints), without the
-// per-call set-up of OpenCV's: the mask projects millions of points.
-cv::Point2d project_fast(const SimCamera& camera, const cv::Vec3d& world) {
-  const cv::Vec3d c = camera.cam_from_world_R * world + camera.cam_from_world_t;
-  const double x = c[0] / c[2], y = c[1] / c[2];
-  const cv::Vec<double, 5>& d = camera.distortion;  // k1 k2 p1 p2 k3
+// Normalised distorted coordinates of normalised (x, y) through the lens
+// (k1 k2 p1 p2 k3), and, when `jacobian` is given, their derivatives
+// d(xd, yd) / d(x, y), row-major.
+cv::Point2d distort(const cv::Vec<double, 5>& d, double x, double y,
+                    cv::Matx22d* jacobian = nullptr) {
   const double r2 = x * x + y * y;
   const double radial = 1.0 + r2 * (d[0] + r2 * (d[1] + r2 * d[4]));
   const double xd = x * radial + 2.0 * d[2] * x * y + d[3] * (r2 + 2.0 * x * x);
   const double yd = y * radial + d[2] * (r2 + 2.0 * y * y) + 2.0 * d[3] * x * y;
+  if (jacobian) {
+    const double slope = 2.0 * (d[0] + r2 * (2.0 * d[1] + 3.0 * r2 * d[4]));  // d radial / dr2, x2
+    const double cross = x * y * slope + 2.0 * d[2] * x + 2.0 * d[3] * y;
+    *jacobian = cv::Matx22d(radial + x * x * slope + 2.0 * d[2] * y + 6.0 * d[3] * x, cross,
+                            cross, radial + y * y * slope + 6.0 * d[2] * y + 2.0 * d[3] * x);
+  }
+  return {xd, yd};
+}
+
+// Distorted pixel of a world point (as cv::projectPoints), without the
+// per-call set-up of OpenCV's: the mask projects millions of points.
+cv::Point2d project_fast(const SimCamera& camera, const cv::Vec3d& world) {
+  const cv::Vec3d c = camera.cam_from_world_R * world + camera.cam_from_world_t;
+  const cv::Point2d p = distort(camera.distortion, c[0] / c[2], c[1] / c[2]);
   const cv::Matx33d& K = camera.K;
-  return cv::Point2d(K(0, 0) * xd + K(0, 1) * yd + K(0, 2), K(1, 1) * yd + K(1, 2));
+  return cv::Point2d(K(0, 0) * p.x + K(0, 1) * p.y + K(0, 2), K(1, 1) * p.y + K(1, 2));
 }
 
 }  // namespace
@@ -451,6 +460,29 @@ cv::Point2d SimCamera::project(const cv::Vec3d& world) const {
   cv::projectPoints(std::vector<cv::Point3d>{cv::Point3d(world[0], world[1], world[2])}, rvec,
                     cam_from_world_t, cv::Mat(K), cv::Mat(distortion), image);
   return image[0];
+}
+
+cv::Point2d SimCamera::undistort(const cv::Point2d& pixel) const {
+  // The distorted normalised point, then Newton steps from it.
+  const double yd = (pixel.y - K(1, 2)) / K(1, 1);
+  const double xd = (pixel.x - K(0, 2) - K(0, 1) * yd) / K(0, 0);
+  const double tolerance = 1e-12 / std::max(K(0, 0), K(1, 1));  // normalised units for 1e-12 px
+  double x = xd, y = yd;
+  for (int step = 0; step < 20; ++step) {
+    cv::Matx22d j;
+    const cv::Point2d seen = distort(distortion, x, y, &j);
+    const double rx = seen.x - xd, ry = seen.y - yd;
+    if (rx * rx + ry * ry < tolerance * tolerance) return {x, y};
+    const double det = j(0, 0) * j(1, 1) - j(0, 1) * j(1, 0);
+    if (!(std::fabs(det) > 1e-12)) break;
+    x -= (j(1, 1) * rx - j(0, 1) * ry) / det;
+    y -= (j(0, 0) * ry - j(1, 0) * rx) / det;
+  }
+  std::vector<cv::Point2d> normalized;
+  cv::undistortPoints(std::vector<cv::Point2d>{pixel}, normalized, cv::Mat(K),
+                      cv::Mat(distortion), cv::noArray(), cv::noArray(),
+                      cv::TermCriteria(cv::TermCriteria::COUNT | cv::TermCriteria::EPS, 50, 1e-12));
+  return normalized[0];
 }
 
 std::array<SimCamera, 2> default_raw_cameras(const SimRig& rig) {

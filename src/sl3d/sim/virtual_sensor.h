@@ -110,6 +110,13 @@ struct SL3D_EXPORT SimCamera {
   cv::Vec3d center() const;
   // Distorted pixel of a world point (cv::projectPoints).
   cv::Point2d project(const cv::Vec3d& world) const;
+  // Normalised coordinates (x, y; z = 1 in the camera frame) of the ray
+  // through `pixel`: the lens model inverted by Newton's method until the
+  // ray projects to within about 1e-12 px of the pixel. Agrees with
+  // cv::undistortPoints under a criterion that tight, at a fifth of its
+  // cost; the renderers invert millions of samples per image. Where the
+  // model folds over (far outside the image) it falls back to OpenCV's.
+  cv::Point2d undistort(const cv::Point2d& pixel) const;
 };
 
 // Two real cameras around the rig's projector, as a calibration would find
