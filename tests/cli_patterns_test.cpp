@@ -103,6 +103,13 @@ class PatternsCommand : public ToolTest {
                                  "--height", std::to_string(kProjectorHeight), "--out",
                                  (root_ / "p").string()});
     ASSERT_EQ(r.exit_code, 0) << r.err;
+    // The layout file states the period and the columns the generator uses.
+    cv::FileStorage yaml((root_ / "p" / "patterns.yaml").string(), cv::FileStorage::READ);
+    const int expected[] = {kProjectorWidth, kProjectorHeight, 15, 128, kFirstUsableColumn,
+                            kUsableEndColumn - 1};
+    const char* keys[] = {"width", "height", "period", "periods", "usable_first_column",
+                          "usable_last_column"};
+    for (int k = 0; k < 6; ++k) EXPECT_EQ(int(yaml[keys[k]]), expected[k]) << keys[k];
     for (int camera = 0; camera < 2; ++camera) {
       captures_[camera].clear();
       for (int index = 0; index < 13; ++index) {
@@ -136,17 +143,6 @@ class PatternsCommand : public ToolTest {
 };
 
 std::vector<cv::Mat> PatternsCommand::captures_[2];
-
-TEST_F(PatternsCommand, LayoutFileStatesPeriodAndUsableColumns) {
-  cv::FileStorage yaml((root_ / "p" / "patterns.yaml").string(), cv::FileStorage::READ);
-  ASSERT_TRUE(yaml.isOpened());
-  EXPECT_EQ(int(yaml["width"]), kProjectorWidth);
-  EXPECT_EQ(int(yaml["height"]), kProjectorHeight);
-  EXPECT_EQ(int(yaml["period"]), 15);
-  EXPECT_EQ(int(yaml["periods"]), 128);
-  EXPECT_EQ(int(yaml["usable_first_column"]), kFirstUsableColumn);
-  EXPECT_EQ(int(yaml["usable_last_column"]), kUsableEndColumn - 1);
-}
 
 TEST_F(PatternsCommand, FramesOnAPlaneMatchToItsTrueDisparity) {
   const Scene scene;
@@ -186,8 +182,6 @@ TEST_F(PatternsCommand, FramesOnAPlaneMatchToItsTrueDisparity) {
       within += std::fabs(measured.at<double>(v, u) - truth) < 0.1;
     }
   }
-  std::printf("%d of %d lit plane pixels within 0.1 px of the true disparity (%.2f%%)\n", within,
-              lit, 100.0 * within / lit);
   EXPECT_GT(lit, width * height / 2);
   EXPECT_GE(within, lit * 95 / 100);
 }
@@ -236,7 +230,6 @@ TEST_F(PatternsCommand, RefusesWhatTheFramesCannotServe) {
       {{"--width", "255", "--height", "100", "--out", out.string()}, 2, "needs 256", out},
       {{"--width", "1920", "--height", "1080", "--period", "16", "--out", out.string()}, 2,
        "--period 16", out},
-      {{"--width", "1920", "--height", "0", "--out", out.string()}, 2, "--height", out},
       {{"--width", "1920", "--height", "1080", "--out", (root_ / "a_file" / "p").string()}, 1,
        "a_file", root_ / "a_file" / "p"},
       {{"--check", (root_ / "p").string()}, 1, "cam0_00.png", out},

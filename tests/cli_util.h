@@ -37,6 +37,12 @@ inline void write_text(const fs::path& path, const std::string& text) {
   std::ofstream(path, std::ios::binary) << text;
 }
 
+// `a` followed by `b`: a command line and its extra arguments.
+inline std::vector<std::string> cat(std::vector<std::string> a, const std::vector<std::string>& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+
 inline std::string quoted(const std::string& s) { return "'" + s + "'"; }
 
 // Lines of stderr that are not progress notes.

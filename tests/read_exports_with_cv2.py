@@ -107,7 +107,7 @@ def check_conventions(calib):
 def main(tool):
     with tempfile.TemporaryDirectory() as work:
         caps = os.path.join(work, "caps")
-        for args in (["synth", "--out", caps, "--width", "320", "--height", "256"],
+        for args in (["synth", "--out", caps, "--width", "160", "--height", "128"],
                      ["scan", "--method", "phaseshift", "--images", caps, "--calib",
                       os.path.join(caps, "calib"), "-o", os.path.join(work, "cloud.ply"),
                       "--depth-tiff", os.path.join(work, "depth.tiff"),

@@ -12,6 +12,7 @@ import sl3d
 from sl3d import sim
 
 WIDTH, HEIGHT = 320, 256
+CALIBRATION_SIZE = (480, 384)
 
 
 def run_tool(*args):
@@ -59,5 +60,11 @@ def loaded(capture):
 
 @pytest.fixture(scope="session")
 def calibration_set():
-    """Twelve stereo views of the three-ring board at 640 x 512."""
-    return sim.calibration_set("pellux", 640, 512)
+    """Twelve stereo views of the three-ring board."""
+    return sim.calibration_set("pellux", *CALIBRATION_SIZE)
+
+
+@pytest.fixture(scope="session")
+def pellux_views():
+    """Two views of the three-ring board and its parameters."""
+    return sim.board_views("pellux", views=2)
