@@ -13,6 +13,7 @@
 #include <sl3d/calibboard/PelluxCalibBoardRecognizer.h>
 #include <sl3d/calibboard/QuillCalibBoardRecognizer.h>
 #include <sl3d/calibrator/calibrator.h>
+#include <sl3d/calibrator/precise_calibration.h>
 #include <sl3d/sim/board_families.h>
 
 namespace {
@@ -42,12 +43,15 @@ class Calibrator : public ::testing::Test {
   // recognition then fixes the image size the drivers calibrate for.
   void configure() {
     ASSERT_TRUE(calib_.set_parameters(cp_, board_.board, board_.marker, board_.pre));
-    sl3d::BoardCamera camera;
-    camera.width = kWidth;
-    camera.height = kHeight;
-    cv::Mat image = sl3d::render_board(board_.layout,
-                                       sl3d::board_pose_facing(board_.layout, 330, 10, 8, 3),
-                                       camera).image;
+    static const cv::Mat board_image = [this] {
+      sl3d::BoardCamera camera;
+      camera.width = kWidth;
+      camera.height = kHeight;
+      return sl3d::render_board(board_.layout,
+                                sl3d::board_pose_facing(board_.layout, 330, 10, 8, 3), camera)
+          .image;
+    }();
+    cv::Mat image = board_image.clone();
     std::vector<cv::Point2f> points;
     ASSERT_EQ(calib_.recognizer->recognize(image, points), 0);
     ASSERT_EQ(calib_.recognizer->image_size(), cv::Size(kWidth, kHeight));
@@ -244,6 +248,33 @@ TEST_F(Calibrator, ExecReportsWhichStepFailed) {
 
   std::vector<DistortCamera> one_camera = {camera("cam0")};
   EXPECT_EQ(calib_.exec(one_camera, disjoint, errors, nullptr), 1);
+}
+
+// The precise driver reports arguments it cannot use with code 3 instead of
+// throwing; its results on a rendered set are pinned by the tool's demo.
+TEST_F(Calibrator, PreciseCalibrationReportsUnusableArguments) {
+  std::vector<DistortCamera> cams = {camera("cam0"), camera("cam1")};
+  std::vector<std::vector<double>> errors(2);
+  std::vector<Views> points(2, Views(1));
+  std::vector<std::vector<cv::Mat>> images(2);
+  sl3d::PreciseCalibrationOptions options;
+  options.refinement.circle_radius = 12.0;
+  StereoCalib unset;
+  EXPECT_EQ(sl3d::calibrate_stereo_precisely(unset, images, points, cams, errors, options).code, 3);
+  sl3d::PreciseCalibration r =
+      sl3d::calibrate_stereo_precisely(calib_, images, points, cams, errors, options);
+  EXPECT_EQ(r.code, 3);  // lists of points without their images
+  EXPECT_FALSE(r.message.empty());
+  for (int c = 0; c < 2; ++c) {
+    images[c].emplace_back(4, 4, CV_8UC3);
+    points[c][0] = view(0, c == 1);
+  }
+  EXPECT_EQ(sl3d::calibrate_stereo_precisely(calib_, images, points, cams, errors, options).code,
+            3);  // not grey images
+  options.remeasure = false;
+  options.refinement.circle_radius = 0.0;
+  EXPECT_EQ(sl3d::calibrate_stereo_precisely(calib_, images, points, cams, errors, options).code,
+            3);
 }
 
 TEST(CalibratorSetup, BoardTypeChoosesTheFamilyAndRefusedBoardsKeepTheOldSettings) {
