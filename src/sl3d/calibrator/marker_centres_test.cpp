@@ -7,7 +7,6 @@
 
 #include <cfloat>
 #include <cmath>
-#include <cstdio>
 #include <memory>
 
 #include <opencv2/imgproc.hpp>
@@ -47,7 +46,10 @@ RecognisedFamily recognise(BoardFamily family) {
   BoardImaging imaging;
   imaging.noise_sigma = 1.0;
   imaging.blur_sigma_px = 0.5;
-  for (const ViewAngles& a : board_views(family)) {
+  // Every other view of the family's set: both tilt directions and rolls.
+  const std::vector<ViewAngles>& angles = board_views(family);
+  for (std::size_t v = 0; v < angles.size(); v += 2) {
+    const ViewAngles& a = angles[v];
     const BoardRendering r = render_board(
         board.layout, board_pose_facing(board.layout, kDistanceMm, a.tilt_x, a.tilt_y, a.roll),
         camera, imaging);
@@ -64,7 +66,7 @@ RecognisedFamily recognise(BoardFamily family) {
     out.views.push_back(view);
     ++imaging.seed;
   }
-  EXPECT_GE(out.views.size(), 6u);
+  EXPECT_GE(out.views.size(), 3u);
   return out;
 }
 
@@ -113,9 +115,7 @@ TEST(MarkerCentres, ScatterFarBelowTheRecognizersOnBothFamilies) {
       }
       EXPECT_EQ(report.remeasured, found);
     }
-    std::printf("%s: %d markers, RMS error %.4f px recognised, %.4f px measured again "
-                "(largest %.4f, rings %.4f)\n",
-                family_name(family), after.n, before.rms(), after.rms(), after.max, rings.max);
+    SCOPED_TRACE(family_name(family));
     EXPECT_GT(rings.n, 0);
     EXPECT_LT(after.rms(), before.rms() / 4);
     EXPECT_LT(after.rms(), 0.03);

@@ -70,7 +70,7 @@ TEST(BoardRenderer, RealCameraMatchesThePinholeAndProjectsThroughItsLens) {
   BoardLayout layout;
   layout.rings = {{2, 1, 3.0}};
   const sl3d::BoardPose pose = sl3d::board_pose_facing(layout, 400.0, 20.0, -15.0, 30.0);
-  const sl3d::BoardCamera pinhole;
+  const sl3d::BoardCamera pinhole{400, 300, 500.0, 500.0, 199.5, 149.5};  // small: quick maps
   sl3d::SimCamera camera;
   camera.size = cv::Size(pinhole.width, pinhole.height);
   camera.K = cv::Matx33d(pinhole.fx, 0, pinhole.cx, 0, pinhole.fy, pinhole.cy, 0, 0, 1);
