@@ -54,15 +54,6 @@ inline DepthError depth_error(const iPointCloudGenerator& gen, const cv::Mat& tr
   return e;
 }
 
-// Hands the 13 frames of both cameras to a phase-shift generator.
-inline void hand_in_phase_shift(iPointCloudGenerator& gen, const std::vector<cv::Mat>& cam0,
-                                const std::vector<cv::Mat>& cam1) {
-  for (int i = 0; i < 13; ++i) {
-    gen.setpict(cam0[i].data, cam0[i].step, 0, i);
-    gen.setpict(cam1[i].data, cam1[i].step, 1, i);
-  }
-}
-
 // Loads the calibration directory `dir`, rectifies copies of the raw frames
 // of both cameras, hands them in and runs exec. The caller destroys it.
 inline PhaseShift* measure_raw_phase_shift(const std::string& dir,
