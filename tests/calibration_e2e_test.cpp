@@ -1,182 +1,328 @@
 // Calibration end to end on the virtual sensor: board views rendered by
 // both real cameras (true intrinsics, distortion and pose known) are
-// recognised and calibrated through the public interface, and what the
-// calibration finds is compared with the truth, then used to measure.
+// recognised and calibrated through the public interface and compared with
+// the truth, then used to measure. Also the accuracy additions: the
+// circle-centre refinement against the rendered truth, and the disparity
+// filter on the scene measured through the true calibration.
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cfloat>
 #include <cmath>
-#include <cstdio>
 #include <filesystem>
+#include <memory>
 
 #include <unistd.h>
-
-#include <opencv2/calib3d.hpp>
 
 #include "e2e_util.h"
 
 #include <sl3d/calibrator/calibration_directory.h>
+#include <sl3d/calibrator/calibration_flags.h>
 #include <sl3d/calibrator/calibrator.h>
-#include <sl3d/camera/stereo_camera.h>
-#include <sl3d/pointcloud/PointCloudGenerator.h>
+#include <sl3d/calibrator/refine_calibration.h>
+#include <sl3d/pointcloud/disparity_filter.h>
 #include <sl3d/sim/calibration_set.h>
-#include <sl3d/sim/sim_calibration.h>
 
 namespace sl3d {
 namespace {
 
 namespace fs = std::filesystem;
+using Observations = std::vector<std::vector<std::vector<cv::Point2f>>>;
 
 constexpr int kWidth = 640, kHeight = 512;
 constexpr double kNearMm = 600.0, kFarMm = 1000.0;
 
-struct Calibration {
+// The family's calibration set seen by `cameras` at the calibration
+// distances, with the noise and blur of a real capture.
+std::vector<StereoBoardView> render_set(const std::array<SimCamera, 2>& cameras,
+                                        BoardFamily family, SynthBoard& board) {
+  const BoardGrid grid = BoardGrid::calibration();
+  board = synth_board(family, min_radius_for(grid, cameras[0].K(0, 0), kFarMm), grid);
+  BoardImaging imaging;
+  imaging.noise_sigma = 1.0;
+  imaging.blur_sigma_px = 0.5;
+  return render_calibration_set(
+      cameras, board.layout,
+      calibration_poses(cameras, board.layout, calibration_views(family), kNearMm, kFarMm),
+      imaging);
+}
+
+struct PairCalibration {
   int code = -1;
   std::vector<DistortCamera> cams = {DistortCamera(cv::Size(0, 0), "cam0"),
                                      DistortCamera(cv::Size(0, 0), "cam1")};
   std::vector<std::vector<double>> errors = std::vector<std::vector<double>>(2);
   double rms = -1.0;
-  int recognised = 0;
   int misnumbered = 0;  // markers numbered wrong, over all images
 };
 
-// Renders the family's calibration set, recognises every image and
-// calibrates the pair.
-Calibration calibrate(BoardFamily family, const std::array<SimCamera, 2>& cameras) {
-  const BoardGrid grid = BoardGrid::calibration();
-  const SynthBoard board =
-      synth_board(family, min_radius_for(grid, cameras[0].K(0, 0), kFarMm), grid);
-  const std::vector<BoardPose> poses =
-      calibration_poses(cameras, board.layout, calibration_views(family), kNearMm, kFarMm);
-  BoardImaging imaging;
-  imaging.noise_sigma = 1.0;
-  imaging.blur_sigma_px = 0.5;
-  const std::vector<StereoBoardView> views =
-      render_calibration_set(cameras, board.layout, poses, imaging);
+PairCalibration calibrate(StereoCalib& calib, Observations points) {
+  PairCalibration r;
+  r.code = calib.exec(r.cams, points, r.errors, &r.rms);
+  return r;
+}
 
-  Calibration result;
+// Renders the family's calibration set, recognises every image (views not
+// recognised are left out) and calibrates the pair.
+PairCalibration calibrate(BoardFamily family, const std::array<SimCamera, 2>& cameras) {
+  SynthBoard board;
+  const std::vector<StereoBoardView> views = render_set(cameras, family, board);
   StereoCalib calib(board_type(family));
   CameraCalibParams cp;
   cp.flags = 0;  // the stereo step refines both cameras' intrinsics with the pose
   SynthBoard records = board;
   EXPECT_TRUE(calib.set_parameters(cp, records.board, records.marker, records.pre));
-  std::vector<std::vector<std::vector<cv::Point2f>>> points(2);
-  for (std::size_t k = 0; k < views.size(); ++k) {
+  Observations points(2);
+  int misnumbered = 0;
+  for (const StereoBoardView& view : views) {
     for (int c = 0; c < 2; ++c) {
-      cv::Mat image = views[k].images[c].image.clone();
+      cv::Mat image = view.images[c].image.clone();
       std::vector<cv::Point2f> found;
-      const int code = calib.recognizer->recognize(image, found);
-      if (code == 0) {
-        ++result.recognised;
-        result.misnumbered += misnumbered_markers(board, views[k].images[c], found, 1.0);
-      } else {
-        std::printf("view %zu camera %d: not recognised (code %d), left out\n", k, c, code);
+      if (calib.recognizer->recognize(image, found) == 0)
+        misnumbered += misnumbered_markers(board, view.images[c], found, 1.0);
+      else
         found.clear();
-      }
       points[c].push_back(found);
     }
   }
-  result.code = calib.exec(result.cams, points, result.errors, &result.rms);
+  PairCalibration result = calibrate(calib, points);
+  result.misnumbered = misnumbered;
   return result;
 }
 
 int used_views(const std::vector<double>& errors) {
-  int used = 0;
-  for (double e : errors) used += std::isnan(e) ? 0 : 1;
-  return used;
+  return int(std::count_if(errors.begin(), errors.end(), [](double e) { return !std::isnan(e); }));
 }
 
-class CalibrationE2E : public ::testing::Test {
+// The default rig's scene, its raw cameras and their true calibration
+// directory, with raw phase-shift captures rendered once.
+class Scene : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    cameras_ = default_raw_cameras(SimRig::scaled(kWidth, kHeight));
+    fs::create_directories(dir("true"));
+    ASSERT_TRUE(write_calibration_directory(cameras(), dir("true")));
+  }
+  static void TearDownTestSuite() {
+    for (const char* name : {"true", "recovered"}) fs::remove_all(dir(name));
   }
 
-  // Measures raw phase-shift captures of the scene through the calibration
-  // directory `dir` and compares every point with the true surfaces. Points
-  // come out in the left rectified camera's frame of that calibration.
-  static testing::SurfaceError scan_error(const std::string& dir) {
+  static const VirtualSensor& sensor() {
     static const VirtualSensor sensor(SimRig::scaled(kWidth, kHeight));
-    static const std::vector<cv::Mat> frames[2] = {sensor.render_phase_shift(cameras_[0]),
-                                                   sensor.render_phase_shift(cameras_[1])};
-    PhaseShift* gen = testing::measure_raw_phase_shift(dir, frames);
+    return sensor;
+  }
+  static const std::array<SimCamera, 2>& cameras() {
+    static const std::array<SimCamera, 2> cameras = default_raw_cameras(sensor().rig());
+    return cameras;
+  }
+  static std::string dir(const std::string& name) {
+    return (fs::temp_directory_path() / ("sl3d_" + name + "_" + std::to_string(::getpid())))
+        .string();
+  }
+
+  // Measures the raw captures through the calibration directory `dir`; the
+  // caller destroys the generator.
+  static PhaseShift* measure(const std::string& dir) {
+    static const std::vector<cv::Mat> frames[2] = {sensor().render_phase_shift(cameras()[0]),
+                                                   sensor().render_phase_shift(cameras()[1])};
+    return testing::measure_raw_phase_shift(dir, frames);
+  }
+
+  // Distances of the points measured through `dir` to the true surfaces
+  // (they come out in the left rectified camera's frame of that calibration).
+  static testing::SurfaceError scan_error(const std::string& dir) {
+    PhaseShift* gen = measure(dir);
     gen->genPC(0);
     const testing::SurfaceError e =
-        testing::surface_error(*gen, sensor, testing::world_from_rect(dir, cameras_));
+        testing::surface_error(*gen, sensor(), testing::world_from_rect(dir, cameras()));
     gen->destroy();
     return e;
   }
 
   // Each family's set is rendered and calibrated once for all tests.
-  static const Calibration& calibration(BoardFamily family) {
-    static const Calibration pellux = calibrate(BoardFamily::kPellux, cameras_);
-    static const Calibration quill = calibrate(BoardFamily::kQuill, cameras_);
+  static const PairCalibration& calibration(BoardFamily family) {
+    static const PairCalibration pellux = calibrate(BoardFamily::kPellux, cameras());
+    static const PairCalibration quill = calibrate(BoardFamily::kQuill, cameras());
     return family == BoardFamily::kPellux ? pellux : quill;
   }
-
-  static std::array<SimCamera, 2> cameras_;
 };
 
-std::array<SimCamera, 2> CalibrationE2E::cameras_;
-
-// A directory beside the test's others, removed at the end of its scope.
-class TempDir {
- public:
-  explicit TempDir(const std::string& name)
-      : path_(fs::temp_directory_path() / ("sl3d_" + name + "_" + std::to_string(::getpid()))) {
-    fs::create_directories(path_);
-  }
-  ~TempDir() { fs::remove_all(path_); }
-  std::string str() const { return path_.string(); }
-
- private:
-  fs::path path_;
-};
-
-TEST_F(CalibrationE2E, BothBoardFamiliesRecoverTheTrueCameras) {
+TEST_F(Scene, BothBoardFamiliesRecoverTheTrueCameras) {
   for (BoardFamily family : {BoardFamily::kPellux, BoardFamily::kQuill}) {
     SCOPED_TRACE(family_name(family));
-    const Calibration& r = calibration(family);
+    const PairCalibration& r = calibration(family);
     ASSERT_EQ(r.code, 0);
     EXPECT_EQ(r.misnumbered, 0);
     EXPECT_GE(used_views(r.errors[0]), 10);
     EXPECT_GE(used_views(r.errors[1]), 10);
     EXPECT_LT(r.rms, 0.25);
-    const PairCalibrationError e = calibration_error(r.cams.data(), cameras_);
-    std::printf("%s: %d of 24 images recognised, stereo RMS %.3f px\n", family_name(family),
-                r.recognised, r.rms);
-    for (int c = 0; c < 2; ++c) {
-      const CameraCalibrationError& ec = e.cameras[c];
-      std::printf("  cam%d: fx %+.3f, fy %+.3f, cx %+.3f, cy %+.3f px; pixel map RMS %.3f, "
-                  "max %.3f px\n",
-                  c, ec.fx, ec.fy, ec.cx, ec.cy, ec.pixel_rms, ec.pixel_max);
+    const PairCalibrationError e = calibration_error(r.cams.data(), cameras());
+    for (const CameraCalibrationError& ec : e.cameras) {
       // 1.5 px of a 700 px focal length is 0.2 %.
       for (double f : {ec.fx, ec.fy}) EXPECT_LT(std::fabs(f), 1.5);
       for (double p : {ec.cx, ec.cy}) EXPECT_LT(std::fabs(p), 2.0);
       EXPECT_LT(ec.pixel_rms, 1.5);
     }
-    std::printf("  baseline %+.4f mm, rotation %.4f deg\n", e.baseline, e.rotation_deg);
     EXPECT_LT(std::fabs(e.baseline), 0.1);
     EXPECT_LT(e.rotation_deg, 0.15);
   }
 }
 
-TEST_F(CalibrationE2E, ScanWithTheRecoveredCalibrationIsAsGoodAsWithTheTrueOne) {
-  const Calibration& r = calibration(BoardFamily::kPellux);
+TEST_F(Scene, ScanWithTheRecoveredCalibrationIsAsGoodAsWithTheTrueOne) {
+  const PairCalibration& r = calibration(BoardFamily::kPellux);
   ASSERT_EQ(r.code, 0);
-  const TempDir recovered("recovered"), truth("true");
-  ASSERT_TRUE(store_calibration_directory(r.cams.data(), recovered.str()));
-  ASSERT_TRUE(write_calibration_directory(cameras_, truth.str()));
-  const testing::SurfaceError with_truth = scan_error(truth.str());
-  const testing::SurfaceError with_recovered = scan_error(recovered.str());
-  std::printf("distance to the true surface: true calibration median %.3f, p95 %.3f mm "
-              "(%d points); recovered calibration median %.3f, p95 %.3f mm (%d points)\n",
-              with_truth.median, with_truth.p95, with_truth.points, with_recovered.median,
-              with_recovered.p95, with_recovered.points);
+  fs::create_directories(dir("recovered"));
+  ASSERT_TRUE(store_calibration_directory(r.cams.data(), dir("recovered")));
+  const testing::SurfaceError with_truth = scan_error(dir("true"));
+  const testing::SurfaceError with_recovered = scan_error(dir("recovered"));
   EXPECT_GT(with_recovered.points, with_truth.points * 9 / 10);
   EXPECT_LT(with_recovered.median, 2.0 * with_truth.median + 0.2);
   EXPECT_LT(with_recovered.p95, 2.0 * with_truth.p95 + 0.5);
+}
+
+// The phase-shift scene through the true calibration: the points the
+// generator lets through at depth edges and light borders go, nearly
+// everything else stays.
+TEST_F(Scene, DisparityFilterRemovesThePointsFarFromTheScene) {
+  const cv::Matx33d to_world = testing::world_from_rect(dir("true"), cameras());
+  auto above = [&](const iPointCloudGenerator& gen, double mm) {
+    const PointCloudElement* p = gen.get_pointcloud_ptr();
+    int n = 0;
+    for (int i = 0; i < gen.get_pointcloud_cnt(); ++i)
+      n += sensor().distance_to_scene(to_world * cv::Vec3d(p[i].x, p[i].y, p[i].z)) > mm;
+    return n;
+  };
+  PhaseShift* gen = measure(dir("true"));
+  const int records = gen->get_disparity_cnt();
+  gen->genPC(0);
+  const int before = above(*gen, 5.0);
+  const DisparityFilterReport report = filter_disparities(*gen);
+  ASSERT_TRUE(report.ok);
+  EXPECT_EQ(report.kept + report.removed(), records);
+  EXPECT_EQ(gen->genPC(0), report.kept);
+  // At half the demo's size a pixel of disparity spans twice the depth: a
+  // few mixed pixels stay above 5 mm here (none at 1280 x 1024).
+  EXPECT_GT(before, 1000);
+  EXPECT_LT(above(*gen, 5.0), before / 20);
+  EXPECT_EQ(above(*gen, 15.0), 0);
+  EXPECT_LT(report.removed(), report.kept * 3 / 200);
+
+  // Most pixels of the calibration's rectified camera 0 can be measured;
+  // 97.1 % of those keep a point (the rest: camera 1's rectified border,
+  // the sphere's outline, the filter).
+  SimCamera rectified;
+  ASSERT_TRUE(rectified_camera(dir("true"), cameras(), rectified));
+  const cv::Mat measurable = sensor().measurable_pixels(rectified, cameras()[1]);
+  const int* grid = gen->get_rangegrid();
+  int covered = 0;
+  for (int i = 0; i < kWidth * kHeight; ++i) covered += measurable.data[i] && grid[i] >= 0;
+  gen->destroy();
+  EXPECT_GT(cv::countNonZero(measurable), kWidth * kHeight * 85 / 100);
+  EXPECT_GT(100.0 * covered / cv::countNonZero(measurable), 96.5);
+}
+
+// --- circle-centre refinement ---------------------------------------------------------
+
+// A pellux calibration set of the raw cameras without lens distortion,
+// recognised once: the measured marker lists, and the same lists with the
+// renderer's true outline offset taken off (what a perfect prediction of
+// the bias gives), and the first calibration from the measured lists.
+struct RecognisedSet {
+  std::array<SimCamera, 2> cameras;
+  SynthBoard board;
+  Observations measured{2}, truly_corrected{2};
+  std::shared_ptr<StereoCalib> calib;  // knows the image size since
+  PairCalibration first;
+};
+
+const RecognisedSet& recognised_set() {
+  static const RecognisedSet set = [] {
+    RecognisedSet s;
+    s.cameras = default_raw_cameras(SimRig::scaled(kWidth, kHeight));
+    for (SimCamera& c : s.cameras) c.distortion = cv::Vec<double, 5>(0, 0, 0, 0, 0);
+    const std::vector<StereoBoardView> views = render_set(s.cameras, BoardFamily::kPellux, s.board);
+    s.calib = std::make_shared<StereoCalib>(board_type(BoardFamily::kPellux));
+    CameraCalibParams cp;
+    cp.flags = recommended_calibration_flags();
+    SynthBoard records = s.board;
+    EXPECT_TRUE(s.calib->set_parameters(cp, records.board, records.marker, records.pre));
+    for (const StereoBoardView& view : views) {
+      for (int c = 0; c < 2; ++c) {
+        cv::Mat image = view.images[c].image.clone();
+        std::vector<cv::Point2f> found;
+        if (s.calib->recognizer->recognize(image, found) != 0) found.clear();
+        std::vector<cv::Point2f> corrected = found;
+        for (std::size_t k = 0; k < s.board.truth_index.size() && !found.empty(); ++k) {
+          cv::Point2f& p = corrected[s.board.truth_index[k]];
+          if (p.x == FLT_MAX) continue;
+          const cv::Point2d bias = view.images[c].ellipse_centres[k] - view.images[c].centres[k];
+          p = cv::Point2f(float(p.x - bias.x), float(p.y - bias.y));
+        }
+        s.measured[c].push_back(found);
+        s.truly_corrected[c].push_back(corrected);
+      }
+    }
+    s.first = calibrate(*s.calib, s.measured);
+    return s;
+  }();
+  return set;
+}
+
+double largest_intrinsics_gap(const std::vector<DistortCamera>& a,
+                              const std::vector<DistortCamera>& b) {
+  double gap = 0.0;
+  for (int c = 0; c < 2; ++c)
+    for (auto [i, j] : {std::pair{0, 0}, {1, 1}, {0, 2}, {1, 2}})
+      gap = std::max(gap, std::fabs(a[c].K(i, j) - b[c].K(i, j)));
+  return gap;
+}
+
+// The refinement predicts the perspective bias of every marker: it ends
+// where the same calibration from truly corrected centres ends, which
+// is the best any correction can do with these recognised centres.
+TEST(CentreRefinement, RemovesThePerspectiveBiasOfTheMarkerCentres) {
+  const RecognisedSet& set = recognised_set();
+  ASSERT_EQ(set.first.code, 0);
+  const PairCalibration ideal = calibrate(*set.calib, set.truly_corrected);
+  ASSERT_EQ(ideal.code, 0);
+
+  CentreRefinementOptions options;
+  options.circle_radius = set.board.layout.radius;
+  std::vector<DistortCamera> refined = set.first.cams;
+  std::vector<std::vector<double>> errors(2);
+  const CentreRefinement r =
+      refine_stereo_calibration(*set.calib, refined, set.measured, errors, options);
+  ASSERT_EQ(r.code, 0) << r.message;
+  EXPECT_TRUE(r.converged);
+  ASSERT_GE(r.steps.size(), 2u);
+  EXPECT_LE(r.steps.size(), 4u);
+  // The bias of circles 12 mm across a third of a metre-distant view.
+  EXPECT_GT(r.steps[0].mean_offset_px, 0.03);
+  EXPECT_LT(r.steps[0].max_offset_px, 0.5);
+  EXPECT_GT(r.steps[0].intrinsics_change_px, 0.05);
+  EXPECT_EQ(errors[0].size(), set.measured[0].size());
+
+  const double after = largest_intrinsics_gap(refined, ideal.cams);
+  EXPECT_LT(after, 0.02);
+  EXPECT_LT(after, largest_intrinsics_gap(set.first.cams, ideal.cams) / 4);
+  EXPECT_LT(std::fabs(calibration_error(refined.data(), set.cameras).baseline), 0.05);  // 0.05 %
+}
+
+TEST(CentreRefinement, UnusableArgumentsLeaveTheCamerasAlone) {
+  const RecognisedSet& set = recognised_set();
+  std::vector<DistortCamera> cams = set.first.cams;
+  std::vector<std::vector<double>> errors = set.first.errors;
+  CentreRefinementOptions options;  // no radius
+  CentreRefinement r = refine_stereo_calibration(*set.calib, cams, set.measured, errors, options);
+  EXPECT_EQ(r.code, 3);
+  EXPECT_FALSE(r.message.empty());
+  EXPECT_EQ(largest_intrinsics_gap(cams, set.first.cams), 0.0);
+
+  StereoCalib unset;
+  options.circle_radius = 12.0;
+  EXPECT_EQ(refine_stereo_calibration(unset, cams, set.measured, errors, options).code, 3);
+  Observations one_camera(1);
+  EXPECT_EQ(refine_stereo_calibration(*set.calib, cams, one_camera, errors, options).code, 3);
 }
 
 }  // namespace
