@@ -1,33 +1,92 @@
 // The generator frame shared by both measuring methods: the factory, buffer
-// and calibration lifetime, the fallback messages and the Q reprojection of
-// a disparity list into points and range grid.
+// and calibration lifetime, init's refusal of sizes whose buffers cannot be
+// sized, the fallback messages and the Q reprojection of a disparity list
+// into points and range grid.
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <climits>
 #include <cstdint>
+#include <filesystem>
 #include <memory>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include <array>
-#include <filesystem>
-
-#include <unistd.h>
-
 #include <sl3d/camera/stereo_camera.h>
 #include <sl3d/pointcloud/PointCloudGenerator.h>
 #include <sl3d/pointcloud/threads.h>
+#include <sl3d/psft/psft.h>
+#include <sl3d/sgbm/sgbm.h>
 #include <sl3d/sim/sim_calibration.h>
 
 namespace {
 
 const char kNoQ[] = "Q Matrix Not found. PointCloud not can't be generated.\n";
 const char kNoStereo[] = "Stereo Camera not found. then use Q matrix.\n";
+const char kTrying[] = "Trying create stereo camera from Hmat...\n>> Failure\n"
+                       "Trying create stereo camera from yaml...\n";
+const double kIdentity[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
 
 struct Destroy {
   void operator()(iPointCloudGenerator* g) const { g->destroy(); }
 };
+using GeneratorPtr = std::unique_ptr<PointCloudGenerator, Destroy>;
+
+GeneratorPtr make(int kind) {
+  return GeneratorPtr(dynamic_cast<PointCloudGenerator*>(createPointCloudGenerator(kind)));
+}
+
+TEST(Factory, KindOneIsBlockMatchingEverythingElsePhaseShift) {
+  for (int kind : {1, 0, 2, -1}) {
+    SCOPED_TRACE(kind);
+    GeneratorPtr gen = make(kind);
+    ASSERT_NE(gen, nullptr);
+    EXPECT_EQ(dynamic_cast<SGBMaching*>(gen.get()) != nullptr, kind == 1);
+    EXPECT_EQ(dynamic_cast<PhaseShift*>(gen.get()) != nullptr, kind != 1);
+    EXPECT_EQ(gen->verbose, 1);
+    // Nothing is allocated before init.
+    EXPECT_EQ(gen->get_pointcloud_cnt(), 0);
+    EXPECT_EQ(gen->get_pointcloud_ptr(), nullptr);
+    EXPECT_EQ(gen->get_rangegrid(), nullptr);
+    EXPECT_EQ(gen->get_disparity_ptr(), nullptr);
+    EXPECT_EQ(gen->get_q_matrix(), nullptr);
+    EXPECT_EQ(gen->width(), 0);
+    // After init the grid is empty (-1) even before any genPC.
+    ASSERT_TRUE(gen->init(6, 4));
+    EXPECT_EQ(gen->get_pointcloud_cnt(), 0);
+    EXPECT_NE(gen->get_pointcloud_ptr(), nullptr);
+    EXPECT_NE(gen->get_disparity_ptr(), nullptr);
+    ASSERT_NE(gen->get_rangegrid(), nullptr);
+    EXPECT_EQ(std::vector<int>(gen->get_rangegrid(), gen->get_rangegrid() + 24),
+              std::vector<int>(24, -1));
+    EXPECT_EQ(gen->width(), 6);
+    EXPECT_EQ(gen->height(), 4);
+  }
+}
+
+TEST(Init, SizesWithoutARepresentableByteCountRaiseBeforeAnyEffect) {
+  for (int kind : {0, 1}) {
+    GeneratorPtr gen = make(kind);
+    ASSERT_TRUE(gen->init(8, 8));
+    ASSERT_TRUE(gen->set_camera_params(kIdentity));
+    const int* grid = gen->get_rangegrid();
+    for (auto [w, h] : {std::pair{-1, 8}, {8, -8}, {INT_MIN, INT_MIN}, {65537, 65537},
+                        {65536, 65536}, {INT_MAX, 2}}) {
+      EXPECT_THROW(gen->init(w, h), std::bad_array_new_length) << kind << ": " << w << "x" << h;
+      // The generator is as it was: size, buffers and calibration.
+      EXPECT_EQ(gen->width(), 8);
+      EXPECT_EQ(gen->get_rangegrid(), grid);
+      EXPECT_NE(gen->get_q_matrix(), nullptr);
+    }
+    EXPECT_TRUE(gen->init(0, 5)) << kind;  // empty images are a size like any other
+  }
+}
 
 // A generator whose disparity list is written by the test, so the common
 // reprojection can be checked without any matcher in front of it.
@@ -48,20 +107,20 @@ class ListGenerator : public PointCloudGenerator {
 using ListPtr = std::unique_ptr<ListGenerator, Destroy>;
 
 // w x h generator with a texture whose byte at pixel i is (7 * i + 3) mod 256.
-ListPtr make_list_generator(int w, int h) {
+ListPtr make_list_generator(int w, int h, int verbose = 0) {
   ListPtr gen(new ListGenerator);
   EXPECT_TRUE(gen->init(w, h));
+  gen->verbose = verbose;
   gen->texture.resize(h, w);
   for (int i = 0; i < w * h; ++i) gen->texture.data()[i] = static_cast<std::uint8_t>(7 * i + 3);
   return gen;
 }
 
-const double kIdentity[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
-
-// Runs genPC with standard output captured; returns what was printed.
-std::string printed_by_genpc(iPointCloudGenerator& gen, int mode, int* count) {
+// Runs `call` with standard output captured; returns what was printed.
+template <typename Call>
+std::string printed_by(Call call) {
   testing::internal::CaptureStdout();
-  *count = gen.genPC(mode);
+  call();
   return testing::internal::GetCapturedStdout();
 }
 
@@ -94,58 +153,44 @@ TEST(Calibration, InitDropsQAndGenPcReportsWhatIsMissing) {
     if (c.q) gen->set_camera_params(kIdentity);
     gen->add(1, 1, 2);
     int n = -1;
-    EXPECT_EQ(printed_by_genpc(*gen, c.mode, &n), c.printed) << c.mode;
+    EXPECT_EQ(printed_by([&] { n = gen->genPC(c.mode); }), c.printed) << c.mode;
     EXPECT_EQ(n, c.points);
   }
 }
 
 TEST(Calibration, DirectoryLoadingFailsAndKeepsEarlierQ) {
-  auto gen = make_list_generator(4, 3);
-  gen->verbose = 1;
+  auto gen = make_list_generator(4, 3, 1);
   const double q[16] = {2, 0, 0, 0, 0, 2, 0, 0, 0, 0, 2, 0, 0, 0, 0, 1};
   gen->set_camera_params(q);
-
-  testing::internal::CaptureStdout();
-  EXPECT_FALSE(gen->set_camera_params(testing::TempDir().c_str()));
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
-            "Trying create stereo camera from Hmat...\n>> Failure\n"
-            "Trying create stereo camera from yaml...\n>> Failure\n");
+  EXPECT_EQ(printed_by([&] { EXPECT_FALSE(gen->set_camera_params(testing::TempDir().c_str())); }),
+            std::string(kTrying) + ">> Failure\n");
   ASSERT_NE(gen->get_q_matrix(), nullptr);
   EXPECT_EQ(std::vector<double>(gen->get_q_matrix(), gen->get_q_matrix() + 16),
             std::vector<double>(q, q + 16));
-
   // The kept Q still reprojects, also in a stereo mode.
   gen->add(3, 2, 4);
   int n = -1;
-  EXPECT_EQ(printed_by_genpc(*gen, 1, &n), kNoStereo);
+  EXPECT_EQ(printed_by([&] { n = gen->genPC(1); }), kNoStereo);
   ASSERT_EQ(n, 1);
   EXPECT_EQ(gen->get_pointcloud_ptr()[0].x, 6.0f);
   EXPECT_EQ(gen->get_pointcloud_ptr()[0].z, 8.0f);
 
   gen->verbose = 0;
-  testing::internal::CaptureStdout();
-  EXPECT_FALSE(gen->set_camera_params("/nonexistent/calibration"));
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-
+  EXPECT_EQ(printed_by([&] { EXPECT_FALSE(gen->set_camera_params("/nonexistent/calibration")); }),
+            "");
   EXPECT_THROW(gen->set_camera_params(static_cast<const char*>(nullptr)), std::logic_error);
 }
 
 TEST(QReprojection, IdentityAndProjectiveQ) {
   const int w = 12, h = 24;
   auto gen = make_list_generator(w, h);
-  gen->verbose = 0;
-
   gen->set_camera_params(kIdentity);
   gen->add(10, 20, 5);
   ASSERT_EQ(gen->genPC(0), 1);
   const PointCloudElement& p = gen->get_pointcloud_ptr()[0];
-  EXPECT_EQ(p.x, 10.0f);
-  EXPECT_EQ(p.y, 20.0f);
-  EXPECT_EQ(p.z, 5.0f);
+  EXPECT_EQ(cv::Vec3f(p.x, p.y, p.z), cv::Vec3f(10, 20, 5));
   const std::uint8_t colour = gen->texture(20, 10);
-  EXPECT_EQ(p.red, colour);
-  EXPECT_EQ(p.green, colour);
-  EXPECT_EQ(p.blue, colour);
+  EXPECT_EQ(cv::Vec3b(p.red, p.green, p.blue), cv::Vec3b(colour, colour, colour));
   EXPECT_EQ(gen->get_rangegrid()[20 * w + 10], 0);
 
   // A rectified pair's Q (principal point (cx, cy), focal f, baseline b):
@@ -155,39 +200,33 @@ TEST(QReprojection, IdentityAndProjectiveQ) {
   const double q[16] = {1, 0, 0, -cx, 0, 1, 0, -cy, 0, 0, 0, f, 0, 0, 1 / b, 0};
   gen->set_camera_params(q);
   gen->clear();
-  struct Rec { double x, y, d; };
   // Listed out of raster order on purpose; fractional coordinates truncate.
-  const std::vector<Rec> recs = {{7, 15, 20}, {0, 0, 0},  {2.75, 21.5, 12.5},
-                                 {1, 0, -4},  {3, 3, 0.0}, {11, 23, 1e-3}};
-  for (const Rec& r : recs) gen->add(r.x, r.y, r.d);
+  const std::vector<cv::Vec3d> recs = {{7, 15, 20}, {0, 0, 0},  {2.75, 21.5, 12.5},
+                                       {1, 0, -4},  {3, 3, 0.0}, {11, 23, 1e-3}};
+  for (const cv::Vec3d& r : recs) gen->add(r[0], r[1], r[2]);
   ASSERT_EQ(gen->genPC(0), 4);
-
   const int* grid = gen->get_rangegrid();
   int k = 0;
-  for (const Rec& r : recs) {
-    const int pixel = static_cast<int>(r.y) * w + static_cast<int>(r.x);
-    if (r.d == 0.0) {
+  for (const cv::Vec3d& r : recs) {
+    const int pixel = int(r[1]) * w + int(r[0]);
+    if (r[2] == 0.0) {
       EXPECT_EQ(grid[pixel], -1) << "W = 0 must leave the cell empty";
       continue;
     }
     const PointCloudElement& e = gen->get_pointcloud_ptr()[k];
-    EXPECT_FLOAT_EQ(e.x, static_cast<float>((r.x - cx) * b / r.d)) << k;
-    EXPECT_FLOAT_EQ(e.y, static_cast<float>((r.y - cy) * b / r.d)) << k;
-    EXPECT_FLOAT_EQ(e.z, static_cast<float>(f * b / r.d)) << k;
-    EXPECT_EQ(e.red, gen->texture(static_cast<int>(r.y), static_cast<int>(r.x))) << k;
-    EXPECT_EQ(grid[pixel], k);
-    ++k;
+    EXPECT_FLOAT_EQ(e.x, float((r[0] - cx) * b / r[2])) << k;
+    EXPECT_FLOAT_EQ(e.y, float((r[1] - cy) * b / r[2])) << k;
+    EXPECT_FLOAT_EQ(e.z, float(f * b / r[2])) << k;
+    EXPECT_EQ(e.red, gen->texture(int(r[1]), int(r[0]))) << k;
+    EXPECT_EQ(grid[pixel], k++);
   }
   // Every cell not named above is empty, including the earlier (10, 20).
-  int filled = 0;
-  for (int i = 0; i < w * h; ++i) filled += grid[i] >= 0;
-  EXPECT_EQ(filled, 4);
-
+  EXPECT_EQ(std::count_if(grid, grid + w * h, [](int i) { return i >= 0; }), 4);
   // An empty list clears the previous cloud and the whole grid.
   gen->clear();
   EXPECT_EQ(gen->genPC(0), 0);
   EXPECT_EQ(gen->get_pointcloud_cnt(), 0);
-  for (int i = 0; i < w * h; ++i) EXPECT_EQ(grid[i], -1) << i;
+  EXPECT_EQ(std::count(grid, grid + w * h, -1), w * h);
 }
 
 TEST(QReprojection, EveryPixelFitsInListOrderOnAnyNumberOfThreads) {
@@ -196,14 +235,10 @@ TEST(QReprojection, EveryPixelFitsInListOrderOnAnyNumberOfThreads) {
   // point, whether the list is done on one thread or (the larger list)
   // offered to several, which must then notice the order and give the
   // sequential result.
-  struct Case {
-    int w, h, threads;
-  };
-  for (const Case c : {Case{50, 43, 1}, Case{512, 300, 2}}) {
-    const int w = c.w, h = c.h, n = w * h;
-    sl3d::set_num_threads(c.threads);
+  for (auto [w, h, threads] : {std::array{50, 43, 1}, std::array{512, 300, 2}}) {
+    const int n = w * h;
+    sl3d::set_num_threads(threads);
     auto gen = make_list_generator(w, h);
-    gen->verbose = 0;
     const double q[16] = {0.5, 0, 0, 1, 0, 0.5, 0, -1, 0, 0, 0, 300, 0, 0, 0.1, 0};
     gen->set_camera_params(q);
     for (int i = n - 1; i >= 2; --i) gen->add(i % w, i / w, 1.0 + i);
@@ -232,29 +267,19 @@ TEST(QReprojection, EveryPixelFitsInListOrderOnAnyNumberOfThreads) {
 
 class CalibrationDirectory : public ::testing::Test {
  protected:
-  void SetUp() override {
-    dir_ = std::filesystem::temp_directory_path() /
-           ("sl3d_pcg_" + std::to_string(::getpid()) + "_" +
-            ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    std::filesystem::create_directories(dir_);
-    sl3d::SimRig rig = sl3d::SimRig::scaled(64, 48);
-    cameras_ = sl3d::default_raw_cameras(rig);
-  }
+  void SetUp() override { std::filesystem::create_directories(dir_); }
   void TearDown() override { std::filesystem::remove_all(dir_); }
 
-  std::filesystem::path dir_;
-  std::array<sl3d::SimCamera, 2> cameras_;
+  const std::string dir_ = testing::TempDir() + "sl3d_pcg_" + std::to_string(::getpid());
+  const std::array<sl3d::SimCamera, 2> cameras_ =
+      sl3d::default_raw_cameras(sl3d::SimRig::scaled(64, 48));
 };
 
 TEST_F(CalibrationDirectory, CameraFilesAloneLoadThroughTheSecondRoute) {
-  ASSERT_TRUE(sl3d::write_camera_files(cameras_, dir_.string()));
-  ListPtr gen = make_list_generator(64, 48);
-  gen->verbose = 1;
-  testing::internal::CaptureStdout();
-  EXPECT_TRUE(gen->set_camera_params(dir_.string().c_str()));
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
-            "Trying create stereo camera from Hmat...\n>> Failure\n"
-            "Trying create stereo camera from yaml...\n>> Success.\n");
+  ASSERT_TRUE(sl3d::write_camera_files(cameras_, dir_));
+  ListPtr gen = make_list_generator(64, 48, 1);
+  EXPECT_EQ(printed_by([&] { EXPECT_TRUE(gen->set_camera_params(dir_.c_str())); }),
+            std::string(kTrying) + ">> Success.\n");
   ASSERT_NE(gen->get_q_matrix(), nullptr);
   ASSERT_NE(gen->get_stereo_camera(), nullptr);
   // The generator's Q is the stereo model's, row-major.
@@ -266,16 +291,15 @@ TEST_F(CalibrationDirectory, CameraFilesAloneLoadThroughTheSecondRoute) {
 }
 
 TEST_F(CalibrationDirectory, RectifyRewritesOnlyTheGeneratorsCorner) {
-  ASSERT_TRUE(sl3d::write_calibration_directory(cameras_, dir_.string()));
+  ASSERT_TRUE(sl3d::write_calibration_directory(cameras_, dir_));
   ListPtr gen = make_list_generator(64, 48);
-  gen->verbose = 0;
   // Without a calibration directory the image stays raw.
   std::vector<unsigned char> raw(70 * 50);
   for (std::size_t i = 0; i < raw.size(); ++i) raw[i] = static_cast<unsigned char>(i * 31 + 7);
   std::vector<unsigned char> image = raw;
   gen->rectify(image.data(), 64, 48, 70, 0);
   EXPECT_EQ(image, raw);
-  ASSERT_TRUE(gen->set_camera_params(dir_.string().c_str()));
+  ASSERT_TRUE(gen->set_camera_params(dir_.c_str()));
   // A 64x50 raw image in rows of 70 bytes: the 64x48 corner is rectified,
   // the row padding and the two extra rows keep the raw bytes.
   gen->rectify(image.data(), 64, 50, 70, 1);
@@ -283,21 +307,19 @@ TEST_F(CalibrationDirectory, RectifyRewritesOnlyTheGeneratorsCorner) {
   for (int y = 0; y < 50; ++y) {
     for (int x = 0; x < 70; ++x) {
       const std::size_t i = static_cast<std::size_t>(y) * 70 + x;
-      if (x >= 64 || y >= 48) {
+      if (x >= 64 || y >= 48)
         ASSERT_EQ(image[i], raw[i]) << x << "," << y;
-      } else {
+      else
         corner_changed |= image[i] != raw[i];
-      }
     }
   }
   EXPECT_TRUE(corner_changed);
 }
 
 TEST_F(CalibrationDirectory, StereoModesDoNotResetTheRangeGrid) {
-  ASSERT_TRUE(sl3d::write_calibration_directory(cameras_, dir_.string()));
+  ASSERT_TRUE(sl3d::write_calibration_directory(cameras_, dir_));
   ListPtr gen = make_list_generator(64, 48);
-  gen->verbose = 0;
-  ASSERT_TRUE(gen->set_camera_params(dir_.string().c_str()));
+  ASSERT_TRUE(gen->set_camera_params(dir_.c_str()));
   gen->add(10, 20, 5);
   gen->add(30, 21, 6);
   ASSERT_EQ(gen->genPC(0), 2);
