@@ -1,9 +1,11 @@
-// Calibration end to end on the virtual sensor: board views rendered by
-// both real cameras (true intrinsics, distortion and pose known) are
-// recognised and calibrated through the public interface and compared with
-// the truth, then used to measure. Also the accuracy additions: the
-// circle-centre refinement against the rendered truth, and the disparity
-// filter on the scene measured through the true calibration.
+// End to end on the virtual sensor, through the exported interface, against
+// its known scene and cameras: phase-shift measurement of rectified captures
+// (clean and under harsh light) and of raw captures of distorted,
+// unrectified cameras through their calibration directory in each
+// triangulation mode; calibration of both board families from rendered
+// views, then measuring with it; and the accuracy additions: the
+// circle-centre refinement and the disparity filter. Block matching is
+// checked against the same truth by its own test and through the tool.
 
 #include <gtest/gtest.h>
 
@@ -15,14 +17,15 @@
 
 #include <unistd.h>
 
-#include "e2e_util.h"
-
 #include <sl3d/calibrator/calibration_directory.h>
 #include <sl3d/calibrator/calibration_flags.h>
 #include <sl3d/calibrator/calibrator.h>
 #include <sl3d/calibrator/refine_calibration.h>
 #include <sl3d/pointcloud/disparity_filter.h>
+#include <sl3d/psft/psft.h>
 #include <sl3d/sim/calibration_set.h>
+#include <sl3d/sim/sim_calibration.h>
+#include <sl3d/sim/virtual_sensor.h>
 
 namespace sl3d {
 namespace {
@@ -30,8 +33,80 @@ namespace {
 namespace fs = std::filesystem;
 using Observations = std::vector<std::vector<std::vector<cv::Point2f>>>;
 
-constexpr int kWidth = 640, kHeight = 512;
+constexpr int kWidth = 640, kHeight = 512, kPixels = kWidth * kHeight;
 constexpr double kNearMm = 600.0, kFarMm = 1000.0;
+
+// The default scene seen by a rig of kWidth x kHeight, built once.
+const VirtualSensor& sensor() {
+  static const VirtualSensor sensor(SimRig::scaled(kWidth, kHeight));
+  return sensor;
+}
+
+// --- rectified captures -----------------------------------------------------------
+
+struct DepthError {
+  int compared = 0;  // points with a finite true depth
+  double p95 = 0.0;
+  int gross = 0;  // |error| > 10 mm
+};
+
+// Measures rectified captures under `light` with the true Q and compares
+// each point's z with the true depth of the pixel that made it.
+DepthError measure_rectified(const SimLight& light, int* points) {
+  static const SimGroundTruth truth = sensor().ground_truth();
+  iPointCloudGenerator* gen = createPointCloudGenerator(0);
+  EXPECT_TRUE(gen->init(kWidth, kHeight));
+  EXPECT_TRUE(gen->set_camera_params(truth.q.data()));
+  const std::vector<cv::Mat> frames[2] = {sensor().render_phase_shift(0, light),
+                                          sensor().render_phase_shift(1, light)};
+  for (int c = 0; c < 2; ++c)
+    for (int i = 0; i < 13; ++i) gen->setpict(frames[c][i].data, frames[c][i].step, c, i);
+  gen->exec();
+  *points = gen->genPC(0);
+  std::vector<double> errors;
+  for (int i = 0; i < kPixels; ++i) {
+    const int k = gen->get_rangegrid()[i];
+    const double z = truth.depth.at<double>(i / kWidth, i % kWidth);
+    if (k >= 0 && std::isfinite(z)) errors.push_back(std::fabs(gen->get_pointcloud_ptr()[k].z - z));
+  }
+  gen->destroy();
+  DepthError e;
+  e.compared = int(errors.size());
+  if (errors.empty()) return e;
+  e.gross = int(std::count_if(errors.begin(), errors.end(), [](double v) { return v > 10.0; }));
+  std::nth_element(errors.begin(), errors.begin() + errors.size() * 95 / 100, errors.end());
+  e.p95 = errors[errors.size() * 95 / 100];
+  return e;
+}
+
+TEST(PhaseShiftEndToEnd, MeasuresTheSceneWithinAboutOneMillimetre) {
+  int points = 0;
+  const DepthError e = measure_rectified(SimLight(), &points);
+  EXPECT_GT(points, kPixels * 6 / 10);
+  EXPECT_EQ(e.compared, points);
+  // 1 mm is about 0.07 px of disparity here. The gross errors are camera-0
+  // pixels near the left border whose true match lies outside camera 1's
+  // view: the nearest phase within the accepted difference is taken anyway.
+  EXPECT_LT(e.p95, 2.5);
+  EXPECT_LT(e.gross, points / 100);
+}
+
+TEST(PhaseShiftEndToEnd, SurvivesBlurNoiseAndLowContrast) {
+  SimLight light;
+  light.blur_sigma_px = 1.0;
+  light.noise_sigma = 3.0;
+  light.ambient = 60.0;
+  light.projector_gain = 120.0;
+  int points = 0;
+  const DepthError e = measure_rectified(light, &points);
+  // Noise of 3 grey levels on a 120-level modulation: about 0.15 px of
+  // disparity noise. A broken unwrap would show as many gross errors.
+  EXPECT_GT(points, kPixels / 2);
+  EXPECT_LT(e.p95, 10.0);
+  EXPECT_LT(e.gross, points / 33);
+}
+
+// --- raw captures and calibrations ---------------------------------------------------
 
 // The family's calibration set seen by `cameras` at the calibration
 // distances, with the noise and blur of a real capture.
@@ -95,8 +170,13 @@ int used_views(const std::vector<double>& errors) {
   return int(std::count_if(errors.begin(), errors.end(), [](double e) { return !std::isnan(e); }));
 }
 
-// The default rig's scene, its raw cameras and their true calibration
-// directory, with raw phase-shift captures rendered once.
+struct SurfaceError {
+  int points = 0;
+  double median = 0.0, p95 = 0.0;
+};
+
+// The default rig's raw cameras and their true calibration directory, with
+// raw phase-shift captures rendered once.
 class Scene : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
@@ -107,10 +187,6 @@ class Scene : public ::testing::Test {
     for (const char* name : {"true", "recovered"}) fs::remove_all(dir(name));
   }
 
-  static const VirtualSensor& sensor() {
-    static const VirtualSensor sensor(SimRig::scaled(kWidth, kHeight));
-    return sensor;
-  }
   static const std::array<SimCamera, 2>& cameras() {
     static const std::array<SimCamera, 2> cameras = default_raw_cameras(sensor().rig());
     return cameras;
@@ -120,21 +196,61 @@ class Scene : public ::testing::Test {
         .string();
   }
 
-  // Measures the raw captures through the calibration directory `dir`; the
-  // caller destroys the generator.
+  // Loads the calibration directory `dir`, rectifies copies of the raw
+  // captures, hands them in and runs exec. The caller destroys it.
   static PhaseShift* measure(const std::string& dir) {
     static const std::vector<cv::Mat> frames[2] = {sensor().render_phase_shift(cameras()[0]),
                                                    sensor().render_phase_shift(cameras()[1])};
-    return testing::measure_raw_phase_shift(dir, frames);
+    auto* gen = static_cast<PhaseShift*>(createPointCloudGenerator(0));
+    gen->verbose = 0;
+    EXPECT_TRUE(gen->init(kWidth, kHeight));
+    EXPECT_TRUE(gen->set_camera_params(dir.c_str()));
+    for (int c = 0; c < 2; ++c) {
+      for (int i = 0; i < 13; ++i) {
+        cv::Mat frame = frames[c][i].clone();
+        gen->rectify(frame.data, frame.cols, frame.rows, frame.step, c);
+        gen->setpict(frame.data, frame.step, c, i);
+      }
+    }
+    gen->exec();
+    return gen;
   }
 
-  // Distances of the points measured through `dir` to the true surfaces
-  // (they come out in the left rectified camera's frame of that calibration).
-  static testing::SurfaceError scan_error(const std::string& dir) {
+  // Points of a calibration come out in its left rectified camera's frame;
+  // camera 0 sits at the world origin, so the rotation alone takes them to
+  // the world.
+  static cv::Matx33d world_from_rect(const std::string& dir) {
+    cv::Matx33d rotation = cv::Matx33d::eye();
+    cv::Vec3d offset(0, 0, 0);
+    EXPECT_TRUE(sl3d::world_from_rect(dir, cameras(), rotation, offset));
+    EXPECT_LT(cv::norm(offset), 1e-9);
+    return rotation;
+  }
+
+  // Distances of the generator's points, measured through `dir`, to the
+  // nearest true surface.
+  static std::vector<double> distances(const iPointCloudGenerator& gen, const std::string& dir) {
+    const cv::Matx33d to_world = world_from_rect(dir);
+    std::vector<double> d;
+    const PointCloudElement* p = gen.get_pointcloud_ptr();
+    for (int i = 0; i < gen.get_pointcloud_cnt(); ++i)
+      d.push_back(sensor().distance_to_scene(to_world * cv::Vec3d(p[i].x, p[i].y, p[i].z)));
+    return d;
+  }
+  static SurfaceError surface_error(const iPointCloudGenerator& gen, const std::string& dir) {
+    std::vector<double> d = distances(gen, dir);
+    SurfaceError e;
+    e.points = int(d.size());
+    if (d.empty()) return e;
+    std::sort(d.begin(), d.end());
+    e.median = d[d.size() / 2];
+    e.p95 = d[d.size() * 95 / 100];
+    return e;
+  }
+  static SurfaceError scan_error(const std::string& dir) {
     PhaseShift* gen = measure(dir);
     gen->genPC(0);
-    const testing::SurfaceError e =
-        testing::surface_error(*gen, sensor(), testing::world_from_rect(dir, cameras()));
+    const SurfaceError e = surface_error(*gen, dir);
     gen->destroy();
     return e;
   }
@@ -146,6 +262,48 @@ class Scene : public ::testing::Test {
     return family == BoardFamily::kPellux ? pellux : quill;
   }
 };
+
+TEST_F(Scene, AllThreeModesLandOnTheTrueSurfaces) {
+  PhaseShift* gen = measure(dir("true"));
+  SurfaceError errors[3];
+  std::vector<PointCloudElement> by_q;
+  for (int mode = 0; mode < 3; ++mode) {
+    gen->genPC(mode);
+    errors[mode] = surface_error(*gen, dir("true"));
+    const PointCloudElement* p = gen->get_pointcloud_ptr();
+    if (mode == 0) by_q.assign(p, p + gen->get_pointcloud_cnt());
+    // For a rectified pair the three triangulations are the same geometry.
+    double largest_gap = 0.0;
+    for (int i = 0; i < std::min<int>(gen->get_pointcloud_cnt(), by_q.size()); ++i)
+      largest_gap = std::max(largest_gap, double(cv::norm(cv::Vec3f(p[i].x - by_q[i].x,
+                                                                    p[i].y - by_q[i].y,
+                                                                    p[i].z - by_q[i].z))));
+    EXPECT_LT(largest_gap, 0.01) << "mode " << mode;
+  }
+  gen->destroy();
+  for (const SurfaceError& e : errors) {
+    EXPECT_GT(e.points, kPixels / 2);
+    // 0.1 px of disparity is about 1.4 mm at this depth and size.
+    EXPECT_LT(e.median, 0.6);
+    EXPECT_LT(e.p95, 2.5);
+  }
+  // Q and least squares see the same records; rays may drop a few.
+  EXPECT_EQ(errors[0].points, errors[2].points);
+  EXPECT_LE(errors[1].points, errors[0].points);
+}
+
+TEST_F(Scene, CameraFilesAloneGiveTheSameMeasurement) {
+  const fs::path yaml_only = fs::path(dir("true")) / "yaml_only";
+  fs::create_directories(yaml_only);
+  for (const char* f : {"cam0_param.yaml", "cam1_param.yaml"})
+    fs::copy_file(fs::path(dir("true")) / f, yaml_only / f);
+  PhaseShift* binary = measure(dir("true"));
+  PhaseShift* yaml = measure(yaml_only.string());
+  EXPECT_EQ(binary->genPC(0), yaml->genPC(0));
+  EXPECT_EQ(binary->get_disparity_cnt(), yaml->get_disparity_cnt());
+  binary->destroy();
+  yaml->destroy();
+}
 
 TEST_F(Scene, BothBoardFamiliesRecoverTheTrueCameras) {
   for (BoardFamily family : {BoardFamily::kPellux, BoardFamily::kQuill}) {
@@ -173,8 +331,8 @@ TEST_F(Scene, ScanWithTheRecoveredCalibrationIsAsGoodAsWithTheTrueOne) {
   ASSERT_EQ(r.code, 0);
   fs::create_directories(dir("recovered"));
   ASSERT_TRUE(store_calibration_directory(r.cams.data(), dir("recovered")));
-  const testing::SurfaceError with_truth = scan_error(dir("true"));
-  const testing::SurfaceError with_recovered = scan_error(dir("recovered"));
+  const SurfaceError with_truth = scan_error(dir("true"));
+  const SurfaceError with_recovered = scan_error(dir("recovered"));
   EXPECT_GT(with_recovered.points, with_truth.points * 9 / 10);
   EXPECT_LT(with_recovered.median, 2.0 * with_truth.median + 0.2);
   EXPECT_LT(with_recovered.p95, 2.0 * with_truth.p95 + 0.5);
@@ -184,18 +342,14 @@ TEST_F(Scene, ScanWithTheRecoveredCalibrationIsAsGoodAsWithTheTrueOne) {
 // generator lets through at depth edges and light borders go, nearly
 // everything else stays.
 TEST_F(Scene, DisparityFilterRemovesThePointsFarFromTheScene) {
-  const cv::Matx33d to_world = testing::world_from_rect(dir("true"), cameras());
-  auto above = [&](const iPointCloudGenerator& gen, double mm) {
-    const PointCloudElement* p = gen.get_pointcloud_ptr();
-    int n = 0;
-    for (int i = 0; i < gen.get_pointcloud_cnt(); ++i)
-      n += sensor().distance_to_scene(to_world * cv::Vec3d(p[i].x, p[i].y, p[i].z)) > mm;
-    return n;
+  auto above = [](const iPointCloudGenerator& gen, double mm) {
+    const std::vector<double> d = distances(gen, dir("true"));
+    return std::count_if(d.begin(), d.end(), [mm](double v) { return v > mm; });
   };
   PhaseShift* gen = measure(dir("true"));
   const int records = gen->get_disparity_cnt();
   gen->genPC(0);
-  const int before = above(*gen, 5.0);
+  const auto before = above(*gen, 5.0);
   const DisparityFilterReport report = filter_disparities(*gen);
   ASSERT_TRUE(report.ok);
   EXPECT_EQ(report.kept + report.removed(), records);
