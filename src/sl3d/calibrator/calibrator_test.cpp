@@ -20,6 +20,7 @@
 #include <sl3d/calibrator/precise_calibration.h>
 #include <sl3d/sim/board_families.h>
 
+namespace sl3d {
 namespace {
 
 using Views = std::vector<std::vector<cv::Point2f>>;
@@ -310,10 +311,7 @@ TEST(CalibratorSetup, BoardTypeChoosesTheFamilyAndRefusedBoardsKeepTheOldSetting
   EXPECT_FALSE(unset.calib_intrinsic(cam, points, errors, nullptr));
 }
 
-}  // namespace
 
-namespace sl3d {
-namespace {
 
 constexpr double kDistanceMm = 330.0;
 

@@ -115,10 +115,7 @@ TEST(VirtualSensor, DistanceToSceneIsTheGapToTheNearestSurface) {
   EXPECT_NEAR(sensor.distance_to_scene(wall.point + 3.0 * cv::normalize(wall.normal)), 3.0, 1e-9);
 }
 
-}  // namespace
-}  // namespace sl3d
 
-namespace {
 
 using sl3d::BoardLayout;
 
@@ -255,3 +252,4 @@ TEST(BoardRenderer, BitmapBoardLandsWhereTheDrawingDoes) {
 }
 
 }  // namespace
+}  // namespace sl3d
