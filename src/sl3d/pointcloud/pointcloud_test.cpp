@@ -7,7 +7,6 @@
 // cell of a count byte, 0 or 1, and the little-endian index) and the
 // disparity filter on hand-made lists.
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -358,12 +357,8 @@ Bytes read_file(const std::string& path) {
   return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-bool exists(const std::string& path) {
-  struct stat st;
-  return ::stat(path.c_str(), &st) == 0;
-}
+bool exists(const std::string& path) { return std::filesystem::exists(path); }
 
-// A file name in the test's temporary directory, removed again afterwards.
 struct TempFile {
   explicit TempFile(const std::string& name) : path(testing::TempDir() + "sl3d_ply_" + name) {}
   ~TempFile() { std::remove(path.c_str()); }
