@@ -87,8 +87,6 @@ TEST(CalibBoardParams, MarkerKeysLeaveTheImageSizeWordsAlone) {
   EXPECT_EQ(marker.image_height, 480);
 }
 
-
-
 // Opens the protected machinery for direct checks.
 class FrameProbe : public PelluxCalibBoardRecognizer {
  public:
@@ -217,7 +215,6 @@ TEST(CalibBoardRecognizer, NumberingStepsAndVisitOrder) {
   r.numbering(0, 0, points, owner);  // +y to -1 and +x to -3: both outside
   EXPECT_EQ(std::count(owner.begin(), owner.end(), -1), 11);
 }
-
 
 // --- rendered boards ---------------------------------------------------------
 
@@ -391,7 +388,6 @@ TEST(PelluxCalibBoardRecognizer, ImageSizeIsFixedByTheFirstImage) {
   EXPECT_EQ(r.recognize(smaller, points), 0);
   EXPECT_EQ(r.image_size(), cv::Size(639, 480));
 }
-
 
 // --- one-ring family ---------------------------------------------------------
 

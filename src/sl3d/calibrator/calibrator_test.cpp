@@ -311,8 +311,6 @@ TEST(CalibratorSetup, BoardTypeChoosesTheFamilyAndRefusedBoardsKeepTheOldSetting
   EXPECT_FALSE(unset.calib_intrinsic(cam, points, errors, nullptr));
 }
 
-
-
 constexpr double kDistanceMm = 330.0;
 
 // A view, the recognizer's marker list for it and the truth by marker index.

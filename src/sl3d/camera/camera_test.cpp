@@ -793,8 +793,6 @@ TEST_F(Camera, StereoCameraFilesAreRectifiedOnLoad) {
   EXPECT_EQ(create({file("missing.yaml")}), nullptr);
 }
 
-
-
 struct Case {
   std::string text;
   const char* error;  // null: accepted

@@ -347,8 +347,6 @@ TEST_F(CalibrationDirectory, StereoModesDoNotResetTheRangeGrid) {
   EXPECT_EQ(grid[20 * 64 + 10], -1);
 }
 
-
-
 using Bytes = std::vector<std::uint8_t>;
 constexpr unsigned int kNone = 0xFFFFFFFFu;
 
@@ -488,8 +486,6 @@ TEST(WritePly, RoundTripOfARealisticCloud) {
             0);
   EXPECT_EQ(d.grid, grid);
 }
-
-
 
 constexpr int kWidth = 16, kHeight = 12;
 

@@ -115,8 +115,6 @@ TEST(VirtualSensor, DistanceToSceneIsTheGapToTheNearestSurface) {
   EXPECT_NEAR(sensor.distance_to_scene(wall.point + 3.0 * cv::normalize(wall.normal)), 3.0, 1e-9);
 }
 
-
-
 using sl3d::BoardLayout;
 
 unsigned char at(const cv::Mat& img, const cv::Point2d& p) {
