@@ -15,8 +15,9 @@
 
 #include <sl3d/camera/stereo_camera.h>
 #include <sl3d/pointcloud/triangulation.h>
-
-#include "e2e_util.h"
+#include <sl3d/psft/psft.h>
+#include <sl3d/sim/sim_calibration.h>
+#include <sl3d/sim/virtual_sensor.h>
 
 namespace sl3d {
 namespace {
@@ -38,10 +39,19 @@ TEST(StereoModes, LoopsEqualThePerPointCameraFunctions) {
   const fs::path dir = fs::temp_directory_path() / ("sl3d_modes_" + std::to_string(::getpid()));
   fs::create_directories(dir);
   ASSERT_TRUE(write_calibration_directory(cameras, dir.string()));
-  const std::vector<cv::Mat> frames[2] = {sensor.render_phase_shift(cameras[0]),
-                                          sensor.render_phase_shift(cameras[1])};
-  PhaseShift* gen = testing::measure_raw_phase_shift(dir.string(), frames);
+  auto* gen = static_cast<PhaseShift*>(createPointCloudGenerator(0));
+  gen->verbose = 0;
+  ASSERT_TRUE(gen->init(rig.width, rig.height));
+  ASSERT_TRUE(gen->set_camera_params(dir.c_str()));
   fs::remove_all(dir);
+  for (int c = 0; c < 2; ++c) {
+    std::vector<cv::Mat> frames = sensor.render_phase_shift(cameras[c]);
+    for (int i = 0; i < 13; ++i) {
+      gen->rectify(frames[i].data, frames[i].cols, frames[i].rows, frames[i].step, c);
+      gen->setpict(frames[i].data, frames[i].step, c, i);
+    }
+  }
+  gen->exec();
   StereoCamera pair(*gen->get_stereo_camera());
   const int n = gen->get_disparity_cnt();
   ASSERT_GT(n, 320 * 256 / 2);

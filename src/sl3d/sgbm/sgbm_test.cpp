@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <climits>
 #include <cmath>
 #include <cstring>
@@ -63,34 +64,24 @@ class RenderedPair : public testing::Test {
     rig.focal_px = kFocal;
     rig.baseline_mm = kBaseline;
     const sl3d::VirtualSensor sensor(rig);
-    left_ = new cv::Mat(sensor.render_textured(0));
-    right_ = new cv::Mat(sensor.render_textured(1));
-    truth_ = new sl3d::SimGroundTruth(sensor.ground_truth());
-    ASSERT_TRUE(left_->isContinuous() && right_->isContinuous());
-  }
-  static void TearDownTestSuite() {
-    delete left_;
-    delete right_;
-    delete truth_;
+    left_ = sensor.render_textured(0);
+    right_ = sensor.render_textured(1);
+    truth_ = sensor.ground_truth();
+    ASSERT_TRUE(left_.isContinuous() && right_.isContinuous());
   }
 
   // Hands in the packed pair (step 0) and the pair's Q.
   static SgbmPtr make_with_pair(const SGBMParams& params) {
     SgbmPtr gen = make(params);
-    gen->set_camera_params(truth_->q.data());
-    gen->setpict(left_->data, 0, 0, 0);
-    gen->setpict(right_->data, 0, 1, 0);
+    gen->set_camera_params(truth_.q.data());
+    gen->setpict(left_.data, 0, 0, 0);
+    gen->setpict(right_.data, 0, 1, 0);
     return gen;
   }
 
-  static cv::Mat* left_;
-  static cv::Mat* right_;
-  static sl3d::SimGroundTruth* truth_;
+  static inline cv::Mat left_, right_;
+  static inline sl3d::SimGroundTruth truth_;
 };
-
-cv::Mat* RenderedPair::left_ = nullptr;
-cv::Mat* RenderedPair::right_ = nullptr;
-sl3d::SimGroundTruth* RenderedPair::truth_ = nullptr;
 
 TEST_F(RenderedPair, RecordsStatusAndDepthAgreeWithTruth) {
   struct Search {
@@ -149,10 +140,10 @@ TEST_F(RenderedPair, RecordsStatusAndDepthAgreeWithTruth) {
       ASSERT_EQ(grid[i] >= 0, status.at<unsigned char>(y, x) == SGBMaching::kAccepted) << i;
       if (grid[i] < 0) continue;
       const PointCloudElement& p = pts[grid[i]];
-      ASSERT_EQ(p.red, left_->at<unsigned char>(y, x)) << i;
+      ASSERT_EQ(p.red, left_.at<unsigned char>(y, x)) << i;
       ASSERT_EQ(p.green, p.red);
       ASSERT_EQ(p.blue, p.red);
-      const double z = truth_->depth.at<double>(y, x);
+      const double z = truth_.depth.at<double>(y, x);
       if (!std::isfinite(z)) continue;
       depth_error.push_back(std::fabs(p.z - z));
       disparity_error.push_back(std::fabs(kFocal * kBaseline / z - kFocal * kBaseline / p.z));
@@ -180,8 +171,8 @@ TEST_F(RenderedPair, PaddedRowsGiveTheSameResultAsPackedOnes) {
     right[i] = static_cast<unsigned char>(i * 53 + 5);
   }
   for (int y = 0; y < kHeight; ++y) {
-    std::memcpy(&left[y * step], left_->ptr(y), kWidth);
-    std::memcpy(&right[y * step], right_->ptr(y), kWidth);
+    std::memcpy(&left[y * step], left_.ptr(y), kWidth);
+    std::memcpy(&right[y * step], right_.ptr(y), kWidth);
   }
   SgbmPtr padded = make(params);
   padded->setpict(left.data(), step, 0, 5);
@@ -195,23 +186,19 @@ TEST_F(RenderedPair, PaddedRowsGiveTheSameResultAsPackedOnes) {
 }
 
 TEST_F(RenderedPair, MatcherErrorsPropagateAndCrashingParametersAreRefused) {
-  struct Refused {
-    int min_disparity, num_disparities, block_size, mode;
-  };
   // OpenCV's own refusal (no disparity to search), and parameters with
   // which its matcher would crash or abort: a negative count, blocks larger
   // than the image or whose P2 overflows, a range overflowing an int, and a
-  // 3-way search leaving no column to match.
-  for (const Refused& r : {Refused{0, 0, 5, 0}, Refused{0, -16, 5, 0}, Refused{0, 64, 4001, 0},
-                           Refused{0, 64, 100001, 0}, Refused{0, 64, 257, 0},
-                           Refused{INT_MAX - 8, 16, 5, 0}, Refused{0, 320, 5, 2},
-                           Refused{-400, 16, 5, 2}, Refused{INT_MIN, 16, 5, 2}}) {
-    SGBMParams params = params_with(r.min_disparity, r.num_disparities);
-    params.block_size = r.block_size;
-    params.mode = r.mode;
-    SgbmPtr gen = make_with_pair(params);
-    EXPECT_THROW(gen->exec(), cv::Exception) << r.min_disparity << " " << r.num_disparities
-                                             << " " << r.block_size << " " << r.mode;
+  // 3-way search leaving no column to match. {min, count, block, mode}:
+  for (auto [min, count, block, mode] :
+       {std::array{0, 0, 5, 0}, {0, -16, 5, 0}, {0, 64, 4001, 0}, {0, 64, 100001, 0},
+        {0, 64, 257, 0}, {INT_MAX - 8, 16, 5, 0}, {0, 320, 5, 2}, {-400, 16, 5, 2},
+        {INT_MIN, 16, 5, 2}}) {
+    SGBMParams params = params_with(min, count);
+    params.block_size = block;
+    params.mode = mode;
+    EXPECT_THROW(make_with_pair(params)->exec(), cv::Exception)
+        << min << " " << count << " " << block << " " << mode;
   }
   // The largest block the image holds still runs.
   SGBMParams largest = params_with(0, 64);
