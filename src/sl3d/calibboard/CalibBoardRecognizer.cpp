@@ -7,8 +7,9 @@
 #include <cstdlib>
 
 #include <opencv2/highgui.hpp>
-#include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
+
+#include <sl3d/codecs/image_codecs.h>
 
 namespace {
 
@@ -127,7 +128,7 @@ int CalibBoardRecognizer::corresponding_points(const std::vector<cv::Point2f>& p
 }
 
 void CalibBoardRecognizer::save_result_image(std::string path) {
-  cv::imwrite(path, result_image);
+  sl3d::detail::write_image(path, result_image);
 }
 
 void CalibBoardRecognizer::copy_result_image(cv::Mat& dst) {

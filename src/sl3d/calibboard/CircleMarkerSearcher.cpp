@@ -7,6 +7,8 @@
 #include <opencv2/highgui.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include <sl3d/codecs/image_codecs.h>
+
 namespace {
 
 constexpr double kFitTolerancePx = 1.5;
@@ -197,6 +199,6 @@ void CircleMarkerSearcher::debug_show(cv::Mat& image, std::string name, bool sav
   cv::Mat shown;
   cv::resize(image, shown, scaled, 0.0, 0.0, cv::INTER_LINEAR);
   cv::imshow(name, shown);
-  if (save) cv::imwrite(name + (image.channels() > 1 ? ".ppm" : ".pgm"), image);
+  if (save) sl3d::detail::write_image(name + (image.channels() > 1 ? ".ppm" : ".pgm"), image);
   cv::waitKey(0);
 }

@@ -8,6 +8,8 @@
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include <sl3d/codecs/image_codecs.h>
+
 #include "errors.h"
 
 namespace sl3d {
@@ -69,7 +71,7 @@ std::vector<unsigned char> encode_float_tiff(const cv::Mat& image,
   // lossy and loses negative values; uncompressed keeps every bit.
   const std::vector<int> uncompressed = {cv::IMWRITE_TIFF_COMPRESSION, 1};
   std::vector<unsigned char> bytes;
-  if (!cv::imencode(".tiff", image, bytes, uncompressed) || bytes.empty()) {
+  if (!detail::encode_image(".tiff", image, bytes, uncompressed) || bytes.empty()) {
     throw file_error(path_for_errors, "cannot encode the image as TIFF");
   }
   return bytes;

@@ -21,6 +21,7 @@
 #include <opencv2/imgcodecs.hpp>
 
 #include <sl3d/camera/yaml_reader.h>
+#include <sl3d/codecs/image_codecs.h>
 
 #include "errors.h"
 #include "png_reader.h"
@@ -120,10 +121,13 @@ bool has_png_signature(const std::vector<unsigned char>& bytes) {
 cv::Mat decode_png_quietly(const std::vector<unsigned char>& bytes) {
   // stderr is the process's: one silenced decode at a time.
   static std::mutex silenced;
+  // Codecs that cannot be loaded are the installation's fault, not the
+  // file's: that error passes through.
+  detail::image_codecs();
   const std::lock_guard<std::mutex> lock(silenced);
   StderrSilenced quiet;
   try {
-    return cv::imdecode(bytes, cv::IMREAD_UNCHANGED);
+    return detail::decode_image(bytes, cv::IMREAD_UNCHANGED);
   } catch (const cv::Exception&) {
     return cv::Mat();
   }
@@ -262,7 +266,7 @@ std::string q_matrix_yaml(const std::array<double, 16>& q) {
 
 std::vector<unsigned char> encode_png(const cv::Mat& image, const std::string& path_for_errors) {
   std::vector<unsigned char> bytes;
-  if (!cv::imencode(".png", image, bytes) || bytes.empty()) {
+  if (!detail::encode_image(".png", image, bytes) || bytes.empty()) {
     throw file_error(path_for_errors, "cannot encode the image as PNG");
   }
   return bytes;
