@@ -107,12 +107,6 @@ void read_file_bytes(const std::string& path, std::vector<unsigned char>& bytes)
   if (failed) throw file_error(path, "read error");
 }
 
-std::vector<unsigned char> read_file_bytes(const std::string& path) {
-  std::vector<unsigned char> bytes;
-  read_file_bytes(path, bytes);
-  return bytes;
-}
-
 bool has_png_signature(const std::vector<unsigned char>& bytes) {
   static const unsigned char kSignature[8] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
   return bytes.size() >= 8 && std::memcmp(bytes.data(), kSignature, 8) == 0;
