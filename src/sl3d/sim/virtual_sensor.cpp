@@ -467,16 +467,18 @@ cv::Point2d SimCamera::undistort(const cv::Point2d& pixel) const {
   const double yd = (pixel.y - K(1, 2)) / K(1, 1);
   const double xd = (pixel.x - K(0, 2) - K(0, 1) * yd) / K(0, 0);
   const double tolerance = 1e-12 / std::max(K(0, 0), K(1, 1));  // normalised units for 1e-12 px
+  const double tolerance2 = tolerance * tolerance;
   double x = xd, y = yd;
   for (int step = 0; step < 20; ++step) {
     cv::Matx22d j;
     const cv::Point2d seen = distort(distortion, x, y, &j);
     const double rx = seen.x - xd, ry = seen.y - yd;
-    if (rx * rx + ry * ry < tolerance * tolerance) return {x, y};
+    if (rx * rx + ry * ry < tolerance2) return {x, y};
     const double det = j(0, 0) * j(1, 1) - j(0, 1) * j(1, 0);
     if (!(std::fabs(det) > 1e-12)) break;
-    x -= (j(1, 1) * rx - j(0, 1) * ry) / det;
-    y -= (j(0, 0) * ry - j(1, 0) * rx) / det;
+    const double inv_det = 1.0 / det;
+    x -= (j(1, 1) * rx - j(0, 1) * ry) * inv_det;
+    y -= (j(0, 0) * ry - j(1, 0) * rx) * inv_det;
   }
   std::vector<cv::Point2d> normalized;
   cv::undistortPoints(std::vector<cv::Point2d>{pixel}, normalized, cv::Mat(K),
