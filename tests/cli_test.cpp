@@ -348,6 +348,14 @@ TEST_F(CliTest, RefusesUnwritableOutputAndBadUsage) {
   const RunResult help = run({"scan", "--help"});
   EXPECT_EQ(help.exit_code, 0);
   EXPECT_NE(help.out.find("cam1_12.png"), std::string::npos) << help.out;
+  // Every command has its page, and `help` refuses what has none.
+  for (const char* command : {"synth", "demo", "calib-info", "detect", "calibrate", "patterns",
+                              "board", "help"}) {
+    const RunResult page = run({"help", command});
+    EXPECT_EQ(page.exit_code, 0) << command;
+    EXPECT_NE(page.out.find("usage: sl3d"), std::string::npos) << command;
+  }
+  expect_clean_failure(run({"help", "frobnicate"}), 2, "frobnicate", "");
 }
 
 // An output path that names a device is written through, one that names a
@@ -635,6 +643,18 @@ TEST_F(CliTest, DetectRefusesBadInputNamingTheFile) {
   }
   expect_clean_failure(run({"detect", "--board", "square", "--params", params, good}), 2,
                        "square", "");
+
+  // A single view of the one-ring board, as `synth --boards` writes it
+  // with its own key file, is recognised.
+  const fs::path single = root_ / "single_view";
+  ASSERT_EQ(run({"synth", "--boards", single.string(), "--board", "quill", "--views", "1",
+                 "--width", "400", "--height", "320"})
+                .exit_code,
+            0);
+  r = run({"detect", "--board", "quill", "--params", (single / "board_params.yaml").string(),
+           (single / "board_00.png").string()});
+  EXPECT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_NE(r.out.find("board_00.png: 0 Success"), std::string::npos) << r.out;
   expect_clean_failure(run({"detect", "--board", "pellux", "--params", params}), 2, "image", "");
 }
 
