@@ -1,12 +1,13 @@
 #include <sl3d/calibrator/precise_calibration.h>
 
 #include <algorithm>
-#include <cfloat>
 #include <cmath>
 #include <exception>
 #include <limits>
 
 #include <opencv2/calib3d.hpp>
+
+#include <sl3d/calibrator/view_pose.h>
 
 namespace sl3d {
 
@@ -78,33 +79,22 @@ std::vector<double> stereo_view_errors(iCalibBoardRecognizer& recognizer,
   const cv::Vec3d cam0_in_world = -(world_from_cam0 * cv::Vec3d(cv::Mat_<double>(cams[0].T)));
   std::vector<double> view_errors(points[0].size(), std::numeric_limits<double>::quiet_NaN());
   for (std::size_t v = 0; v < points[0].size() && v < points[1].size(); ++v) {
-    std::vector<cv::Point3f> board;
-    std::vector<cv::Point2f> left;
-    std::vector<int> index;
-    const int n = std::min<int>(markers, int(points[0][v].size()));
-    for (int k = 0; k < n; ++k) {
-      if (points[0][v][k].x == FLT_MAX) continue;
-      board.push_back(recognizer.get_3d_position(k));
-      left.push_back(points[0][v][k]);
-      index.push_back(k);
-    }
-    cv::Mat rvec, tvec;
-    if (board.size() < 4 ||
-        !cv::solvePnP(board, left, cv::Mat(cams[0].K), cv::Mat(cams[0].D), rvec, tvec)) {
-      continue;
-    }
+    const std::vector<cv::Point2f>& left = points[0][v];
+    const std::vector<cv::Point2f>& right = points[1][v];
+    cv::Vec3d rvec, tvec;
+    if (!detail::solve_view_pose(recognizer, cams[0], left, rvec, tvec)) continue;
     cv::Matx33d cam0_from_board;
     cv::Rodrigues(rvec, cam0_from_board);
     double sum = 0.0;
     int count = 0;
-    for (std::size_t i = 0; i < board.size(); ++i) {
-      const int k = index[i];
-      if (k >= int(points[1][v].size()) || points[1][v][k].x == FLT_MAX) continue;
-      const cv::Vec3d in_cam0 = cam0_from_board * cv::Vec3d(board[i].x, board[i].y, board[i].z) +
-                                cv::Vec3d(tvec);
-      const cv::Vec3d world = world_from_cam0 * in_cam0 + cam0_in_world;
-      const cv::Point2d predicted = cams[1].project_forw({world[0], world[1], world[2]});
-      const cv::Point2d d = predicted - cv::Point2d(points[1][v][k]);
+    const int n = std::min({markers, int(left.size()), int(right.size())});
+    for (int k = 0; k < n; ++k) {
+      if (detail::missing_marker(left[k]) || detail::missing_marker(right[k])) continue;
+      const cv::Point3f b = recognizer.get_3d_position(k);
+      const cv::Vec3d world = world_from_cam0 * (cam0_from_board * cv::Vec3d(b.x, b.y, b.z) + tvec) +
+                              cam0_in_world;
+      const cv::Point2d d = cams[1].project_forw({world[0], world[1], world[2]}) -
+                            cv::Point2d(right[k]);
       sum += d.dot(d);
       ++count;
     }

@@ -1,7 +1,6 @@
 #include <sl3d/calibrator/refine_calibration.h>
 
 #include <algorithm>
-#include <cfloat>
 #include <cmath>
 #include <exception>
 #include <limits>
@@ -9,6 +8,7 @@
 #include <opencv2/calib3d.hpp>
 
 #include <sl3d/calibrator/conic_fit.h>
+#include <sl3d/calibrator/view_pose.h>
 
 namespace sl3d {
 
@@ -16,15 +16,10 @@ namespace {
 
 using Observations = std::vector<std::vector<std::vector<cv::Point2f>>>;
 
-// solvePnP needs four points; fewer leave a view uncorrected.
-constexpr std::size_t kMinPosePoints = 4;
-
 cv::Point2d not_a_point() {
   const double nan = std::numeric_limits<double>::quiet_NaN();
   return cv::Point2d(nan, nan);
 }
-
-bool missing(const cv::Point2f& p) { return p.x == FLT_MAX; }
 
 // Mean of the pixels of an 8-connected contour along the closed polygon:
 // a stretch spans as many contour pixels as the larger of its x and y
@@ -57,29 +52,6 @@ int marker_count(iCalibBoardRecognizer& recognizer) {
   return recognizer.get_marker_range().area();
 }
 
-struct Pose {
-  cv::Vec3d rvec, tvec;
-};
-
-// cam_from_board of one view from its corrected observations.
-bool solve_view_pose(iCalibBoardRecognizer& recognizer, const DistortCamera& cam,
-                     const std::vector<cv::Point2f>& markers, Pose& pose) {
-  std::vector<cv::Point3f> board;
-  std::vector<cv::Point2f> image;
-  const int n = std::min<int>(marker_count(recognizer), int(markers.size()));
-  for (int k = 0; k < n; ++k) {
-    if (missing(markers[k])) continue;
-    board.push_back(recognizer.get_3d_position(k));
-    image.push_back(markers[k]);
-  }
-  if (board.size() < kMinPosePoints) return false;
-  cv::Mat rvec, tvec;
-  if (!cv::solvePnP(board, image, cv::Mat(cam.K), cv::Mat(cam.D), rvec, tvec)) return false;
-  pose.rvec = cv::Vec3d(rvec);
-  pose.tvec = cv::Vec3d(tvec);
-  return true;
-}
-
 struct OffsetStats {
   double sum = 0.0;
   double max = 0.0;
@@ -99,15 +71,16 @@ std::vector<cv::Point2f> correct_view(iCalibBoardRecognizer& recognizer, const D
                                       const std::vector<cv::Point2f>& current,
                                       const CentreRefinementOptions& options,
                                       OffsetStats& stats) {
-  Pose pose;
-  if (!solve_view_pose(recognizer, cam, current, pose)) return measured;
+  // A view with fewer than four markers stays uncorrected.
+  cv::Vec3d rvec, tvec;
+  if (!detail::solve_view_pose(recognizer, cam, current, rvec, tvec)) return measured;
   std::vector<cv::Point2f> corrected = measured;
   const int n = std::min<int>(marker_count(recognizer), int(measured.size()));
   for (int k = 0; k < n; ++k) {
-    if (missing(measured[k])) continue;
+    if (detail::missing_marker(measured[k])) continue;
     const cv::Point3f centre = recognizer.get_3d_position(k);
     const cv::Point2d offset =
-        circle_outline_offset(cv::Mat(cam.K), cv::Mat(cam.D), pose.rvec, pose.tvec, centre,
+        circle_outline_offset(cv::Mat(cam.K), cv::Mat(cam.D), rvec, tvec, centre,
                               options.circle_radius, options.outline_samples,
                               options.outline_centre);
     if (!std::isfinite(offset.x) || !std::isfinite(offset.y)) continue;
