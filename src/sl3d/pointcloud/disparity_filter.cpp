@@ -4,9 +4,9 @@
 #include <cmath>
 #include <cstddef>
 #include <exception>
-#include <utility>
 #include <vector>
 
+#include <sl3d/calibboard/union_find.h>
 #include <sl3d/psft/psft.h>
 
 namespace sl3d {
@@ -215,39 +215,15 @@ void mark_neighbour_steps(const double* records, const RecordGrid& grid,
   }
 }
 
-// Patches as a union-find over the records: a root holds minus its patch's
-// size, any other record a record of its patch nearer the root.
-class Patches {
- public:
-  explicit Patches(std::size_t count) : link_(count, -1) {}
-  int root(int i) {
-    while (link_[i] >= 0) {
-      if (link_[link_[i]] >= 0) link_[i] = link_[link_[i]];  // halve the path
-      i = link_[i];
-    }
-    return i;
-  }
-  void join(int i, int n) {
-    int a = root(i), b = root(n);
-    if (a == b) return;
-    if (link_[a] > link_[b]) std::swap(a, b);  // a: the larger patch
-    link_[a] += link_[b];
-    link_[b] = a;
-  }
-  int size(int i) { return -link_[root(i)]; }
-
- private:
-  std::vector<int> link_;
-};
-
 // Patches are the connected sets of records whose 4-neighbours differ by at
-// most max_patch_step; those below the minimum size go. Labelled in one pass
-// over the rows, joining each record with its left and upper neighbours:
-// that reads the records in their own order, where a flood fill walks a
-// large patch in its pixels' neighbour order and waits on memory.
+// most max_patch_step; those below the minimum size go. Labelled by a
+// union-find over the records in one pass over the rows, joining each
+// record with its left and upper neighbours: that reads the records in
+// their own order, where a flood fill walks a large patch in its pixels'
+// neighbour order and waits on memory.
 void mark_small_patches(const double* records, const RecordGrid& grid,
                         const DisparityFilterOptions& options, std::vector<Verdict>& verdict) {
-  Patches patches(verdict.size());
+  UnionFind patches(static_cast<int>(verdict.size()));
   for (int y = 0; y < grid.height(); ++y) {
     for (int x = 0; x < grid.width(); ++x) {
       const int i = live_record(grid, verdict, x, y);
@@ -255,7 +231,7 @@ void mark_small_patches(const double* records, const RecordGrid& grid,
       for (const int n : {live_record(grid, verdict, x - 1, y), live_record(grid, verdict, x, y - 1)}) {
         if (n != kNoRecord &&
             std::fabs(disparity(records, n) - disparity(records, i)) <= options.max_patch_step) {
-          patches.join(i, n);
+          patches.unite(i, n);
         }
       }
     }
@@ -263,7 +239,8 @@ void mark_small_patches(const double* records, const RecordGrid& grid,
   // Every size is read before any record is marked.
   std::vector<int> small;
   for (int i : grid.cells()) {
-    if (i != kNoRecord && verdict[i] == kKeep && patches.size(i) < options.min_patch_size) {
+    if (i != kNoRecord && verdict[i] == kKeep &&
+        patches.size_of_root(patches.root(i)) < options.min_patch_size) {
       small.push_back(i);
     }
   }
