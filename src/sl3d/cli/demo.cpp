@@ -227,28 +227,14 @@ CalibrationView calibration_view(const char* name, const std::string& dir,
 }
 
 // Distances of a measurement's points to the true surfaces.
-struct SurfaceStats {
-  double rms = 0.0, p95 = 0.0, max = 0.0;
-  int above_5mm = 0;
-};
-
-SurfaceStats surface_error(const Measurement& m, const VirtualSensor& sensor,
-                           const WorldFromRect& to_world) {
-  std::vector<double> d;
-  d.reserve(m.points.size());
-  for (const PointCloudElement& p : m.points) d.push_back(sensor.distance_to_scene(to_world(p)));
-  SurfaceStats stats;
-  if (d.empty()) return stats;
-  double sum_sq = 0.0;
-  for (double v : d) {
-    sum_sq += v * v;
-    stats.above_5mm += v > 5.0;
-    stats.max = std::max(stats.max, v);
+ErrorStats surface_error(const Measurement& m, const VirtualSensor& sensor,
+                         const WorldFromRect& to_world) {
+  std::vector<double> distances;
+  distances.reserve(m.points.size());
+  for (const PointCloudElement& p : m.points) {
+    distances.push_back(sensor.distance_to_scene(to_world(p)));
   }
-  stats.rms = std::sqrt(sum_sq / d.size());
-  std::nth_element(d.begin(), d.begin() + d.size() * 95 / 100, d.end());
-  stats.p95 = d[d.size() * 95 / 100];
-  return stats;
+  return error_stats(distances);
 }
 
 // Share of the measurable pixels that got a point, percent.
@@ -269,7 +255,7 @@ struct AccuracyRow {
   int removed;
   double coverage;  // of all pixels, percent
   double measurable_coverage;
-  SurfaceStats error;
+  ErrorStats error;
 };
 
 // Writes DIR/<method>.ply, DIR/<method>_depth.tiff (float depth, NaN where

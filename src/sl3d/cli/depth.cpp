@@ -16,7 +16,6 @@ namespace sl3d {
 
 namespace {
 
-constexpr double kGrossErrorMm = 10.0;
 constexpr float kNoPoint = std::numeric_limits<float>::quiet_NaN();
 
 // The value below which `fraction` of the values lie (values get reordered).
@@ -152,15 +151,19 @@ cv::Mat depth_preview(const cv::Mat& depth, const DepthRange& requested) {
 
 ErrorStats error_stats(std::vector<double>& abs_errors_mm) {
   ErrorStats stats;
-  stats.compared = static_cast<int>(abs_errors_mm.size());
-  if (abs_errors_mm.empty()) return stats;
+  const std::size_t n = abs_errors_mm.size();
+  stats.compared = static_cast<int>(n);
+  if (n == 0) return stats;
   double sum_sq = 0.0;
   for (double error : abs_errors_mm) {
     sum_sq += error * error;
-    if (error > kGrossErrorMm) ++stats.gross;
+    stats.above_5mm += error > 5.0;
+    stats.max = std::max(stats.max, error);
   }
-  stats.rms_mm = std::sqrt(sum_sq / abs_errors_mm.size());
-  stats.p95_abs_mm = percentile(abs_errors_mm, 0.95);
+  stats.rms = std::sqrt(sum_sq / n);
+  std::nth_element(abs_errors_mm.begin(), abs_errors_mm.begin() + n * 95 / 100,
+                   abs_errors_mm.end());
+  stats.p95 = abs_errors_mm[n * 95 / 100];
   return stats;
 }
 

@@ -47,11 +47,13 @@ DepthRange percentile_range(const cv::Mat& depth);
 // in the points' unit.
 cv::Mat depth_preview(const cv::Mat& depth, const DepthRange& range);
 
+// Distances of points to the truth, millimetres.
 struct ErrorStats {
-  int compared = 0;      // points with a known true position
-  double rms_mm = 0.0;
-  double p95_abs_mm = 0.0;
-  int gross = 0;         // |error| > 10 mm
+  int compared = 0;  // points with a known true position
+  double rms = 0.0;
+  double p95 = 0.0;
+  double max = 0.0;
+  int above_5mm = 0;
 };
 
 // Statistics of the points' absolute errors (reordered on the way).
