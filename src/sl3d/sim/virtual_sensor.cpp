@@ -405,26 +405,13 @@ bool VirtualSensor::measurable(const Hit& hit, const SimCamera& camera1) const {
 cv::Mat VirtualSensor::measurable_pixels(const SimCamera& camera0, const SimCamera& camera1) const {
   constexpr int kSamples = 3;  // per side of a pixel
   const RayCamera rays = real_camera(camera0);
-  const bool pinhole = cv::norm(camera0.distortion) == 0.0;
-  const cv::Matx33d K_inv = camera0.K.inv();
-  const cv::Matx33d world_from_cam = camera0.cam_from_world_R.t();
   cv::Mat mask(camera0.size, CV_8UC1, cv::Scalar(0));
   // Rows split over the library's threads (sl3d::set_num_threads).
   const int rows = camera0.size.height;
   detail::run_chunks(detail::chunks_for(rows, 16), rows, [&](int, int begin, int end) {
     std::vector<cv::Vec3d> dirs;
     for (int v = begin; v < end; ++v) {
-      if (pinhole) {  // no lens to invert: the rays follow from K alone
-        dirs.clear();
-        for (int u = 0; u < camera0.size.width; ++u)
-          for (int sy = 0; sy < kSamples; ++sy)
-            for (int sx = 0; sx < kSamples; ++sx)
-              dirs.push_back(world_from_cam *
-                             (K_inv * cv::Vec3d(u + (sx + 0.5) / kSamples - 0.5,
-                                                v + (sy + 0.5) / kSamples - 0.5, 1.0)));
-      } else {
-        rays.row_rays(v, kSamples, dirs);
-      }
+      rays.row_rays(v, kSamples, dirs);
       for (int u = 0; u < camera0.size.width; ++u) {
         bool all = true;
         for (int k = 0; k < kSamples * kSamples && all; ++k) {
