@@ -13,7 +13,8 @@
 // codecs library when that cannot be loaded or lacks one of the functions.
 // Thread-safe: the library is loaded once, and never unloaded.
 
-#pragma once
+#ifndef SL3D_CODECS_IMAGE_CODECS_H_
+#define SL3D_CODECS_IMAGE_CODECS_H_
 
 #include <string>
 #include <vector>
@@ -53,3 +54,5 @@ bool encode_image(const std::string& extension, cv::InputArray image,
 cv::Mat decode_image(cv::InputArray bytes, int flags);
 
 }  // namespace sl3d::detail
+
+#endif  // SL3D_CODECS_IMAGE_CODECS_H_
