@@ -1,10 +1,9 @@
 """Measuring from Python: the same result as the tool, and close to the
 virtual sensor's truth."""
 
-import subprocess
-import sys
 from concurrent.futures import ThreadPoolExecutor
 
+import cv2
 import numpy as np
 import pytest
 
@@ -15,39 +14,24 @@ from conftest import HEIGHT, WIDTH, run_tool
 # Small captures: the comparison is exact, size does not matter.
 TOOL_WIDTH, TOOL_HEIGHT = 160, 128
 
-# A scan of the tool's raw captures through their calibration directory, as
-# a Python user writes it. It runs in a process of its own, as the tool
-# does: the phase-shift generator's disparity map is never cleared (the
-# smoothness test compares with what an earlier fit left there), so a pixel
-# next to one never fitted reads memory as the allocator hands it out; in a
-# fresh process that is fresh, zeroed memory for both, while after other
-# work in the same process it may not be. Q instead of the directory is the
-# same generator after set_camera_params (test_cloud_matches_the_true_depth).
-SCAN = """
-import sys
-import cv2
-import sl3d
-
-caps, out = sys.argv[1], sys.argv[2]
-gen = sl3d.Generator("phaseshift")
-gen.init(%d, %d)
-gen.set_camera_params(caps + "/calib")
-for camera in (0, 1):
-    for index in range(13):
-        frame = cv2.imread(f"{caps}/cam{camera}_{index:02d}.png", cv2.IMREAD_UNCHANGED)
-        gen.setpict(gen.rectify(frame, camera), camera, index)
-gen.exec()
-gen.filter_disparities()  # as the tool does by default
-gen.genPC(2).write_ply(out)
-""" % (TOOL_WIDTH, TOOL_HEIGHT)
-
 
 def test_scan_equals_the_tools_ply(tmp_path):
+    """A scan of the tool's raw captures through their calibration directory,
+    as a Python user writes it, gives the tool's PLY byte for byte."""
     caps = tmp_path / "caps"
     run_tool("synth", "--out", caps, "--width", TOOL_WIDTH, "--height", TOOL_HEIGHT)
     run_tool("scan", "--method", "phaseshift", "--images", caps, "--calib", caps / "calib",
              "--mode", 2, "-o", tmp_path / "tool.ply")
-    subprocess.run([sys.executable, "-c", SCAN, str(caps), str(tmp_path / "python.ply")], check=True)
+    with sl3d.Generator("phaseshift") as gen:
+        gen.init(TOOL_WIDTH, TOOL_HEIGHT)
+        gen.set_camera_params(caps / "calib")
+        for camera in (0, 1):
+            for index in range(13):
+                frame = cv2.imread(str(caps / f"cam{camera}_{index:02d}.png"), cv2.IMREAD_UNCHANGED)
+                gen.setpict(gen.rectify(frame, camera), camera, index)
+        gen.exec()
+        gen.filter_disparities()  # as the tool does by default
+        gen.genPC(2).write_ply(tmp_path / "python.ply")
     python, tool = (tmp_path / "python.ply").read_bytes(), (tmp_path / "tool.ply").read_bytes()
     assert python == tool
     assert len(tool) > 0.5 * TOOL_WIDTH * TOOL_HEIGHT * 15  # points for half the pixels
