@@ -1,19 +1,16 @@
 // The calibration drivers on exact synthetic observations: marker lists
-// made by projecting the board's true positions through a known camera, so
-// every result can be checked against the camera that made them. One real
-// recognition gives the recognizer its image size, as it would in use.
-// Then marker centres measured again on rendered board views of both
-// families, against the renderer's true ellipse centres.
+// made by projecting the board's true positions through known cameras, so
+// every result can be checked against the cameras that made them. Then
+// marker centres measured again on rendered board views of both families,
+// against the renderer's true ellipse centres.
 
 #include <cfloat>
 #include <cmath>
-#include <memory>
+#include <map>
 
 #include <gtest/gtest.h>
 #include <opencv2/calib3d.hpp>
-#include <opencv2/imgproc.hpp>
 
-#include <sl3d/calibboard/PelluxCalibBoardRecognizer.h>
 #include <sl3d/calibboard/QuillCalibBoardRecognizer.h>
 #include <sl3d/calibrator/calibrator.h>
 #include <sl3d/calibrator/marker_centres.h>
@@ -44,46 +41,33 @@ class Calibrator : public ::testing::Test {
     configure();
   }
 
-  // Sets the drivers' parameters to cp_, which makes a new recognizer; one
-  // recognition then fixes the image size the drivers calibrate for.
+  // Sets the drivers' parameters to cp_, which makes a new recognizer; the
+  // marker record's size words give it the image size to calibrate for.
   void configure() {
+    board_.marker.image_width = kWidth;
+    board_.marker.image_height = kHeight;
     ASSERT_TRUE(calib_.set_parameters(cp_, board_.board, board_.marker, board_.pre));
-    static const cv::Mat board_image = [this] {
-      sl3d::BoardCamera camera;
-      camera.width = kWidth;
-      camera.height = kHeight;
-      return sl3d::render_board(board_.layout,
-                                sl3d::board_pose_facing(board_.layout, 330, 10, 8, 3), camera)
-          .image;
-    }();
-    cv::Mat image = board_image.clone();
-    std::vector<cv::Point2f> points;
-    ASSERT_EQ(calib_.recognizer->recognize(image, points), 0);
-    ASSERT_EQ(calib_.recognizer->image_size(), cv::Size(kWidth, kHeight));
   }
 
   // The board seen from pose k of a fixed set, all markers found; with
   // `right` the same board through the right camera.
   std::vector<cv::Point2f> view(int k, bool right = false) const {
-    const double a = 0.35 * std::sin(1.7 * k), b = 0.35 * std::cos(2.3 * k);
-    const cv::Vec3d rvec(a, b, 0.2 * k);
+    const cv::Vec3d rvec(0.35 * std::sin(1.7 * k), 0.35 * std::cos(2.3 * k), 0.2 * k);
     const cv::Vec3d tvec(-60 + 15 * (k % 3), -50 + 12 * (k % 4), 420 + 25 * k);
-    std::vector<cv::Point3f> board;
-    const int n = board_.board.n_circles_x * board_.board.n_circles_y;
-    for (int i = 0; i < n; ++i) board.push_back(calib_.recognizer->get_3d_position(i));
-    std::vector<cv::Point2f> image;
-    if (!right) {
-      cv::projectPoints(board, rvec, tvec, kLeft.K, kLeft.D, image);
-      return image;
+    cv::Matx33d left_from_board, right_from_left;
+    cv::Rodrigues(rvec, left_from_board);
+    cv::Rodrigues(kRightFromLeftRvec, right_from_left);
+    std::vector<cv::Point3d> in_camera;
+    for (int i = 0; i < board_.board.n_circles_x * board_.board.n_circles_y; ++i) {
+      const cv::Point3d on_board = calib_.recognizer->get_3d_position(i);
+      cv::Vec3d p = left_from_board * cv::Vec3d(on_board) + tvec;
+      if (right) p = right_from_left * p + kRightFromLeftT;
+      in_camera.emplace_back(p);
     }
-    cv::Matx33d r_board, r_rel;
-    cv::Rodrigues(rvec, r_board);
-    cv::Rodrigues(kRightFromLeftRvec, r_rel);
-    cv::Vec3d rvec_right;
-    cv::Rodrigues(r_rel * r_board, rvec_right);
-    cv::projectPoints(board, rvec_right, r_rel * tvec + kRightFromLeftT, kRight.K, kRight.D,
-                      image);
-    return image;
+    const TrueCamera& cam = right ? kRight : kLeft;
+    std::vector<cv::Point2d> image;
+    cv::projectPoints(in_camera, cv::Vec3d(), cv::Vec3d(), cam.K, cam.D, image);
+    return std::vector<cv::Point2f>(image.begin(), image.end());
   }
 
   // Keeps `count` (at most 5) markers spread over the board, no three in a
@@ -261,92 +245,76 @@ TEST_F(Calibrator, PreciseCalibrationReportsUnusableArguments) {
             3);
 }
 
-TEST(CalibratorSetup, BoardTypeChoosesTheFamilyAndRefusedBoardsKeepTheOldSettings) {
+// Board type 1 makes the one-ring recognizer; a refused board keeps the
+// other settings; without settings there is no recognizer to calibrate with.
+TEST(CalibratorSetup, BoardTypeAndRefusedBoards) {
   sl3d::SynthBoard board = sl3d::synth_board(sl3d::BoardFamily::kQuill, 5.0);
-  CameraCalibParams cp;
+  CameraCalibParams cp, other;
   cp.focal_length = 1000;
   cp.flags = cv::CALIB_FIX_K3;
-  CameraCalib pellux;
   CameraCalib quill(1);
-  EXPECT_EQ(pellux.recognizer, nullptr);
-  ASSERT_TRUE(pellux.set_parameters(cp, board.board, board.marker, board.pre));
   ASSERT_TRUE(quill.set_parameters(cp, board.board, board.marker, board.pre));
-  EXPECT_NE(dynamic_cast<PelluxCalibBoardRecognizer*>(pellux.recognizer), nullptr);
-  EXPECT_NE(dynamic_cast<QuillCalibBoardRecognizer*>(quill.recognizer), nullptr);
-
-  CameraCalibParams other;
-  CalibBoardParams no_board = board.board;
-  no_board.unit_length = 0.0;
-  EXPECT_FALSE(quill.set_parameters(other, no_board, board.marker, board.pre));
-  EXPECT_NE(quill.recognizer, nullptr);
+  board.board.unit_length = 0.0;
+  EXPECT_FALSE(quill.set_parameters(other, board.board, board.marker, board.pre));
   EXPECT_NE(dynamic_cast<QuillCalibBoardRecognizer*>(quill.recognizer), nullptr);
   EXPECT_EQ(quill.focal_length, 1000);  // cp not copied
   EXPECT_EQ(quill.flags, cv::CALIB_FIX_K3);
 
+  CameraCalib unset;
+  EXPECT_EQ(unset.recognizer, nullptr);
   DistortCamera cam(cv::Size(0, 0), "cam0");
   std::vector<std::vector<cv::Point2f>> points;
   std::vector<double> errors;
-  CameraCalib unset;
   EXPECT_FALSE(unset.calib_intrinsic(cam, points, errors, nullptr));
 }
 
 constexpr double kDistanceMm = 330.0;
 
-// A view, the recognizer's marker list for it and the truth by marker index.
+// A view, the board's marker grid, the recognizer's marker list for the
+// view, and by marker index the true ellipse centres and ring markers.
 struct RecognisedView {
   cv::Mat image;
-  std::vector<cv::Point2f> found;
-  std::vector<cv::Point2d> truth;  // ellipse centre by marker index
-  std::vector<bool> ring;          // by marker index
-};
-
-struct RecognisedFamily {
   cv::Size grid;
-  std::vector<RecognisedView> views;
+  std::vector<cv::Point2f> found;
+  std::vector<cv::Point2d> truth;
+  std::vector<bool> ring;
 };
 
-RecognisedFamily recognise(BoardFamily family) {
+// Every other view of the family's set (both tilt directions and rolls),
+// rendered and recognised once for all tests.
+const std::vector<RecognisedView>& recognised(BoardFamily family) {
+  static std::map<BoardFamily, std::vector<RecognisedView>> sets;
+  std::vector<RecognisedView>& views = sets[family];
+  if (!views.empty()) return views;
   const BoardCamera camera;
   const BoardGrid grid = BoardGrid::detection();
   SynthBoard board = synth_board(family, min_radius_for(grid, camera.fx, kDistanceMm), grid);
-  std::unique_ptr<CalibBoardRecognizer> recognizer;
-  if (family == BoardFamily::kPellux) recognizer.reset(new PelluxCalibBoardRecognizer());
-  else recognizer.reset(new QuillCalibBoardRecognizer());
-  EXPECT_TRUE(recognizer->set_parameters(board.pre, board.marker, board.board));
-  RecognisedFamily out;
-  out.grid = recognizer->get_marker_range().size();
+  StereoCalib calib(family == BoardFamily::kPellux ? 0 : 1);
+  CameraCalibParams cp;
+  EXPECT_TRUE(calib.set_parameters(cp, board.board, board.marker, board.pre));
   BoardImaging imaging;
   imaging.noise_sigma = 1.0;
   imaging.blur_sigma_px = 0.5;
-  // Every other view of the family's set: both tilt directions and rolls.
   const std::vector<ViewAngles>& angles = board_views(family);
   for (std::size_t v = 0; v < angles.size(); v += 2) {
     const ViewAngles& a = angles[v];
     const BoardRendering r = render_board(
         board.layout, board_pose_facing(board.layout, kDistanceMm, a.tilt_x, a.tilt_y, a.roll),
         camera, imaging);
-    RecognisedView view;
-    view.image = r.image;
+    ++imaging.seed;
+    RecognisedView view{r.image, calib.recognizer->get_marker_range().size(), {},
+                        std::vector<cv::Point2d>(board.truth_index.size()),
+                        std::vector<bool>(board.truth_index.size())};
     cv::Mat work = r.image.clone();
-    if (recognizer->recognize(work, view.found) != 0) continue;
-    view.truth.assign(view.found.size(), cv::Point2d());
-    view.ring.assign(view.found.size(), false);
+    if (calib.recognizer->recognize(work, view.found) != 0) continue;
     for (std::size_t c = 0; c < board.truth_index.size(); ++c)
       view.truth[board.truth_index[c]] = r.ellipse_centres[c];
     for (const BoardRing& ring : board.layout.rings)
       view.ring[board.truth_index[ring.j * board.layout.circles_x + ring.i]] = true;
-    out.views.push_back(view);
-    ++imaging.seed;
+    views.push_back(view);
   }
-  EXPECT_GE(out.views.size(), 3u);
-  return out;
-}
-
-// Rendered and recognised once for all tests.
-const RecognisedFamily& recognised(BoardFamily family) {
-  static const RecognisedFamily pellux = recognise(BoardFamily::kPellux);
-  static const RecognisedFamily quill = recognise(BoardFamily::kQuill);
-  return family == BoardFamily::kPellux ? pellux : quill;
+  EXPECT_GE(views.size(), 3u);
+  return views;
 }
 
 struct Scatter {
@@ -366,11 +334,10 @@ struct Scatter {
 // marker is measured.
 TEST(MarkerCentres, ScatterFarBelowTheRecognizersOnBothFamilies) {
   for (BoardFamily family : {BoardFamily::kPellux, BoardFamily::kQuill}) {
-    const RecognisedFamily& set = recognised(family);
     Scatter before, after, rings;
-    for (const RecognisedView& view : set.views) {
+    for (const RecognisedView& view : recognised(family)) {
       std::vector<cv::Point2f> points = view.found;
-      const MarkerCentreReport report = measure_marker_centres(view.image, set.grid, points);
+      const MarkerCentreReport report = measure_marker_centres(view.image, view.grid, points);
       ASSERT_TRUE(report.ok) << report.message;
       EXPECT_TRUE(report.dark_markers);
       EXPECT_EQ(report.unmeasured, 0);
@@ -399,12 +366,11 @@ TEST(MarkerCentres, ScatterFarBelowTheRecognizersOnBothFamilies) {
 // Light markers on a dark board are read alike; what cannot be measured is
 // kept or dropped as asked; unusable arguments change nothing.
 TEST(MarkerCentres, PolarityUnmeasuredMarkersAndBadArguments) {
-  const RecognisedFamily& set = recognised(BoardFamily::kPellux);
-  const RecognisedView& view = set.views.front();
+  const RecognisedView& view = recognised(BoardFamily::kPellux).front();
   std::vector<cv::Point2f> dark = view.found, light = view.found;
-  ASSERT_TRUE(measure_marker_centres(view.image, set.grid, dark).ok);
+  ASSERT_TRUE(measure_marker_centres(view.image, view.grid, dark).ok);
   const cv::Mat inverted = 255 - view.image;
-  const MarkerCentreReport light_report = measure_marker_centres(inverted, set.grid, light);
+  const MarkerCentreReport light_report = measure_marker_centres(inverted, view.grid, light);
   EXPECT_FALSE(light_report.dark_markers);
   for (std::size_t k = 0; k < dark.size(); ++k) {
     EXPECT_NEAR(light[k].x, dark[k].x, 1e-3);
@@ -413,15 +379,15 @@ TEST(MarkerCentres, PolarityUnmeasuredMarkersAndBadArguments) {
 
   // A marker without found neighbours cannot be measured.
   std::vector<cv::Point2f> alone(view.found.size(), cv::Point2f(FLT_MAX, FLT_MAX));
-  const int k = set.grid.height + 1;
+  const int k = view.grid.height + 1;
   ASSERT_NE(view.found[k].x, FLT_MAX);
   alone[k] = view.found[k];
-  MarkerCentreReport report = measure_marker_centres(view.image, set.grid, alone);
+  MarkerCentreReport report = measure_marker_centres(view.image, view.grid, alone);
   EXPECT_EQ(report.unmeasured, 1);
   EXPECT_EQ(alone[k], view.found[k]);
   MarkerCentreOptions drop;
   drop.keep_unmeasured = false;
-  report = measure_marker_centres(view.image, set.grid, alone, drop);
+  report = measure_marker_centres(view.image, view.grid, alone, drop);
   EXPECT_EQ(alone[k].x, FLT_MAX);
 
   // Absurd entries are neither measured nor a danger to their neighbours'
@@ -429,15 +395,13 @@ TEST(MarkerCentres, PolarityUnmeasuredMarkersAndBadArguments) {
   std::vector<cv::Point2f> absurd = view.found;
   absurd[k] = cv::Point2f(1e30f, -1e30f);
   absurd[k + 1] = cv::Point2f(std::nanf(""), 3.0f);
-  report = measure_marker_centres(view.image, set.grid, absurd);
+  report = measure_marker_centres(view.image, view.grid, absurd);
   EXPECT_TRUE(report.ok);
   EXPECT_EQ(absurd[k], cv::Point2f(1e30f, -1e30f));
 
   std::vector<cv::Point2f> points = view.found;
-  cv::Mat colour;
-  cv::cvtColor(view.image, colour, cv::COLOR_GRAY2BGR);
-  EXPECT_FALSE(measure_marker_centres(colour, set.grid, points).ok);
-  EXPECT_FALSE(measure_marker_centres(cv::Mat(), set.grid, points).ok);
+  EXPECT_FALSE(measure_marker_centres(cv::Mat(4, 4, CV_8UC3), view.grid, points).ok);
+  EXPECT_FALSE(measure_marker_centres(cv::Mat(), view.grid, points).ok);
   EXPECT_FALSE(measure_marker_centres(view.image, cv::Size(40, 40), points).ok);
   EXPECT_FALSE(measure_marker_centres(view.image, cv::Size(0, 5), points).ok);
   EXPECT_EQ(points, view.found);
