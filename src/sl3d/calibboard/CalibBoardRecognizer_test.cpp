@@ -77,21 +77,16 @@ class FrameProbe : public PelluxCalibBoardRecognizer {
   }
 };
 
-CalibBoardParams board(int nx, int ny, int ox, int oy, double unit) {
-  CalibBoardParams b;
-  b.n_circles_x = nx;
-  b.n_circles_y = ny;
-  b.origin_x = ox;
-  b.origin_y = oy;
-  b.unit_length = unit;
-  return b;
+// The board record: unit length, circles along x and y, origin circle.
+CalibBoardParams board(double unit, int nx, int ny, int ox, int oy) {
+  return {unit, nx, ny, ox, oy};
 }
 
 const cv::Point2f kMissing(FLT_MAX, FLT_MAX);
 
 TEST(CalibBoardRecognizer, BoardPositionsIndicesAndRange) {
   FrameProbe r;
-  CalibBoardParams b = board(3, 2, 1, 1, 2.0);
+  CalibBoardParams b = board(2.0, 3, 2, 1, 1);
   b.distance_between_circles = 1.7;
   PreProcParams pre;
   CircleMarkerParams marker;
@@ -113,16 +108,16 @@ TEST(CalibBoardRecognizer, BoardPositionsIndicesAndRange) {
   // Invalid boards change nothing, the searcher's settings included. Marker
   // counts past the int range (65536 x 65537 wraps to 65536) are invalid too.
   CircleMarkerParams other;
-  for (CalibBoardParams bad : {board(3, 2, 0, 0, 0.0), board(0, 2, 0, 0, 1.0),
-                               board(3, 0, 0, 0, 1.0), board(3, 2, 0, 0, -1.0),
-                               board(65536, 65537, 5, 3, 1.0), board(46341, 46341, 0, 0, 1.0)})
+  for (CalibBoardParams bad : {board(0.0, 3, 2, 0, 0), board(1.0, 0, 2, 0, 0),
+                               board(1.0, 3, 0, 0, 0), board(-1.0, 3, 2, 0, 0),
+                               board(1.0, 65536, 65537, 5, 3), board(1.0, 46341, 46341, 0, 0)})
     EXPECT_FALSE(r.set_parameters(pre, other, bad));
   EXPECT_EQ(r.n_markers, 6);
   EXPECT_EQ(r.get_3d_position(0), expected[0]);
   EXPECT_EQ(r.image_size(), cv::Size(640, 480));
 
   FrameProbe single;
-  CalibBoardParams one = board(1, 1, 0, 0, 10.0);
+  CalibBoardParams one = board(10.0, 1, 1, 0, 0);
   ASSERT_TRUE(single.init_recognizer(one));
   EXPECT_EQ(single.get_3d_position(0), cv::Point3f(0, 0, 0));
 }
@@ -161,7 +156,7 @@ TEST(CalibBoardRecognizer, NumberingStepsAndVisitOrder) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     FrameProbe r;
-    CalibBoardParams b = board(4, 3, 1, 1, 1.0);
+    CalibBoardParams b = board(1.0, 4, 3, 1, 1);
     r.init_recognizer(b);
     r.dir_x = {1, 0};
     r.dir_y = {0, -1};
@@ -185,14 +180,7 @@ constexpr double kSpacing = 20.0;
 const sl3d::BoardCamera kCamera{640, 480, 640.0, 640.0, 319.5, 239.5};
 
 sl3d::BoardLayout layout(bool dark_circles, std::vector<sl3d::BoardRing> rings) {
-  sl3d::BoardLayout l;
-  l.circles_x = kCols;
-  l.circles_y = kRows;
-  l.spacing = kSpacing;
-  l.radius = 8.0;
-  l.dark_circles = dark_circles;
-  l.rings = std::move(rings);
-  return l;
+  return {kCols, kRows, kSpacing, 8.0, 15.0, dark_circles, std::move(rings)};
 }
 
 std::vector<sl3d::BoardRing> rings_of(BoardFamily family, bool mirrored = false) {
@@ -207,8 +195,8 @@ std::vector<sl3d::BoardRing> rings_of(BoardFamily family, bool mirrored = false)
 // one (-j) +x.
 void configure(CalibBoardRecognizer& r, BoardFamily family, bool dark_circles) {
   CalibBoardParams b = family == BoardFamily::kPellux
-                           ? board(kCols, kRows, kCols - 1 - kOi, kOj, kSpacing)
-                           : board(kRows, kCols, kRj, kRi, kSpacing);
+                           ? board(kSpacing, kCols, kRows, kCols - 1 - kOi, kOj)
+                           : board(kSpacing, kRows, kCols, kRj, kRi);
   PreProcParams pre;
   pre.do_reverse_bw = dark_circles;
   CircleMarkerParams marker;

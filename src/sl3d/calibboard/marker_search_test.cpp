@@ -54,33 +54,22 @@ cv::Mat threshold(const cv::Mat& m, int level) {
 
 // Gamma is off at exactly 1.0, even with a table left from an earlier
 // setting, and on just above it; strictly above a fixed threshold is white;
-// unknown binarisation types give an empty image.
+// unknown binarisation types give an empty image. Records are given as
+// {invert, equalise, smooth, type, param0, param1, gamma}.
 TEST(PreProcessor, GammaSwitchAndBinarisationTypes) {
-  PreProcParams p;  // Otsu by default, as the families' tests run it
-  p.bin_type = 0;
-  p.bin_param0 = 128;
-  EXPECT_TRUE(configured(p).gamma_table.empty());
-  PreProcessor pre;
-  p.gamma_correction = 2.0;
-  pre.init_preproc(p);
-  p.gamma_correction = 1.0;
-  pre.init_preproc(p);
-  cv::Mat img = board_like_image(), expected;
+  PreProcParams fixed{false, false, false, 0, 128, 0, 1.0};
+  EXPECT_TRUE(configured(fixed).gamma_table.empty());
+  EXPECT_EQ(configured({false, false, false, 0, 128, 0, 1.001}).gamma_table.size(), 256u);
+  PreProcessor pre = configured({false, false, false, 0, 128, 0, 2.0});
+  pre.init_preproc(fixed);
+  EXPECT_EQ(pre.gamma_table.size(), 256u);
+  cv::Mat img = board_like_image(), edge = (cv::Mat_<uchar>(1, 3) << 127, 128, 129), expected;
   EXPECT_TRUE(equal(pre.preprocess(img), threshold(img, 128)));
-  p.gamma_correction = 1.0 + 1e-3;
-  EXPECT_EQ(configured(p).gamma_table.size(), 256u);
-  p.gamma_correction = 1.0;
-  cv::Mat edge = (cv::Mat_<uchar>(1, 3) << 127, 128, 129);
-  EXPECT_TRUE(equal(configured(p).preprocess(edge), (cv::Mat_<uchar>(1, 3) << 0, 0, 255)));
-  p.bin_type = 2;
-  p.bin_param0 = 11;
-  p.bin_param1 = 4;
+  EXPECT_TRUE(equal(pre.preprocess(edge), (cv::Mat_<uchar>(1, 3) << 0, 0, 255)));
   cv::adaptiveThreshold(img, expected, 255, cv::ADAPTIVE_THRESH_MEAN_C, cv::THRESH_BINARY, 11, 4);
-  EXPECT_TRUE(equal(configured(p).preprocess(img), expected));
-  for (int unknown : {3, -1}) {
-    p.bin_type = unknown;
-    EXPECT_TRUE(configured(p).preprocess(img).empty());
-  }
+  EXPECT_TRUE(equal(configured({false, false, false, 2, 11, 4, 1.0}).preprocess(img), expected));
+  for (int unknown : {3, -1})
+    EXPECT_TRUE(configured({false, false, false, unknown, 0, 0, 1.0}).preprocess(img).empty());
 }
 
 // Invert, median, gamma, equalise, binarise: each order would give another
@@ -88,12 +77,7 @@ TEST(PreProcessor, GammaSwitchAndBinarisationTypes) {
 TEST(PreProcessor, StepsRunInFixedOrderOnACopy) {
   cv::Mat img = board_like_image();
   const cv::Mat original = img.clone();
-  PreProcParams p;
-  p.do_reverse_bw = p.do_smoothing = p.do_equalize_hist = true;
-  p.gamma_correction = 2.2;
-  p.bin_type = 0;
-  p.bin_param0 = 140;
-  PreProcessor pre = configured(p);
+  PreProcessor pre = configured({true, true, true, 0, 140, 0, 2.2});
   const std::vector<int> table = pre.gamma_table;
   auto median = [](const cv::Mat& m) { cv::Mat o; cv::medianBlur(m, o, 3); return o; };
   auto equalize = [](const cv::Mat& m) { cv::Mat o; cv::equalizeHist(m, o); return o; };
@@ -104,8 +88,7 @@ TEST(PreProcessor, StepsRunInFixedOrderOnACopy) {
   EXPECT_FALSE(equal(result, threshold(apply_table(equalize(median(invert(img))), table), 140)));
   EXPECT_TRUE(equal(img, original));
   // Gamma acts on the inverted image (equalisation would hide the order).
-  p.do_smoothing = p.do_equalize_hist = false;
-  const cv::Mat inverted_first = configured(p).preprocess(img);
+  const cv::Mat inverted_first = configured({true, false, false, 0, 140, 0, 2.2}).preprocess(img);
   EXPECT_TRUE(equal(inverted_first, threshold(apply_table(invert(img), table), 140)));
   EXPECT_FALSE(equal(inverted_first, threshold(invert(apply_table(img, table)), 140)));
 }
@@ -252,16 +235,10 @@ TEST(CircleMarkerSearcher, TooFewMarkersFailsAndKeepsThePreviousResult) {
 
 // --- grid connection --------------------------------------------------------------
 
-// Rings are handed over as the family does it: the contour with more points
-// is the outer one and stays in the grid with flag 2.
-class RingFinder : public ConnectionFinder {
+// Opens the connection steps to direct calls on placed ellipses.
+class Finder : public ConnectionFinder {
  public:
-  int basemarker_process(int marker, int inner, std::vector<int>& flags) override {
-    const int outer = contours[marker].size() > contours[inner].size() ? marker : inner;
-    flags[outer] = 2;
-    flags[outer == marker ? inner : marker] = 0;
-    return outer;
-  }
+  int basemarker_process(int marker, int, std::vector<int>&) override { return marker; }
 
   // An ellipse with axis-aligned frame at (x, y).
   void add(double x, double y, double width, double height, size_t contour_points = 60) {
@@ -286,7 +263,7 @@ class RingFinder : public ConnectionFinder {
 bool linked(const cv::Mat_<double>& D, int i, int j) { return D(i, j) != DBL_MAX; }
 
 TEST(ConnectionFinder, DistanceCutsCompareTruncatedTenthsRowByRow) {
-  RingFinder f;  // default 1.2: ratios up to 1.39... pass (trunc 13 <= 13)
+  Finder f;  // default 1.2: ratios up to 1.39... pass (trunc 13 <= 13)
   f.add(0, 0, 10, 10);
   f.add(13, 0, 10, 10);     // 1.3 diameters from 0
   f.add(13, 13.5, 10, 10);  // 1.35 from 1: truncates to 13, passes
@@ -301,7 +278,7 @@ TEST(ConnectionFinder, DistanceCutsCompareTruncatedTenthsRowByRow) {
   EXPECT_TRUE(linked(D, 2, 3) && linked(D, 3, 2));
 
   // A large circle reaches a small one that does not reach it back.
-  RingFinder sizes;
+  Finder sizes;
   sizes.add(0, 0, 20, 20);
   sizes.add(20, 0, 10, 10);
   D = sizes.checked_distances();
@@ -311,7 +288,7 @@ TEST(ConnectionFinder, DistanceCutsCompareTruncatedTenthsRowByRow) {
   // The second test uses the rim in the neighbour's direction: an ellipse
   // 20 x 10 reaches 15 px along its long axis but not along its short one,
   // although 15 / 20 passes the first test.
-  RingFinder flat;
+  Finder flat;
   flat.add(0, 0, 20, 10);
   flat.add(15, 0, 20, 20);
   flat.add(0, 15, 20, 20);
@@ -324,7 +301,7 @@ TEST(ConnectionFinder, LargestGroupTieGoesToTheLowerRoot) {
   // {0, 3} is joined from row 3 only, so 3 is its root; {1, 2} has root 1.
   // Sizes tie, and the group with root 1 survives although the other one
   // holds index 0.
-  RingFinder f;
+  Finder f;
   cv::Mat_<double> D(5, 5, DBL_MAX);
   D(3, 0) = D(1, 2) = D(2, 1) = 1.0;
   std::vector<int> flags(5, 1);
@@ -341,7 +318,7 @@ TEST(ConnectionFinder, LargestGroupTieGoesToTheLowerRoot) {
 }
 
 TEST(ConnectionFinder, MedianLengthAndLengthFilter) {
-  RingFinder f;
+  Finder f;
   for (size_t n : {100, 25, 26, 500, 404, 5, 101}) f.add(0, 0, 10, 10, n);
   std::vector<int> flags{1, 1, 1, 2, 1, 0, 1};
   // Non-zero flags: 25 26 100 101 404 500; position 3 is the upper middle.
@@ -356,7 +333,7 @@ TEST(ConnectionFinder, MedianLengthAndLengthFilter) {
 }
 
 TEST(ConnectionFinder, NeighbourSlotsNearestFirst) {
-  RingFinder f;
+  Finder f;
   for (int j = 0; j < 3; ++j)
     for (int i = 0; i < 3; ++i) f.add(12.0 * i, 12.0 * j, 10, 10);  // index 3j + i
   f.add(200, 200, 10, 10);  // alone
@@ -372,7 +349,7 @@ TEST(ConnectionFinder, NeighbourSlotsNearestFirst) {
 
   // Six candidates: the nearest four are kept; of the two at 20 px the
   // lower index comes first.
-  RingFinder crowd;
+  Finder crowd;
   for (cv::Point2d p : {cv::Point2d(0, 0), {20, 0}, {-18, 0}, {0, 25}, {0, -19}, {0, 20}})
     crowd.add(p.x, p.y, 20, 20);
   flags.assign(6, 1);
