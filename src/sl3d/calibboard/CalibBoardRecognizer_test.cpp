@@ -1,16 +1,21 @@
-// Board recognition: the parameter records read from key maps; the frame
-// shared by both families (board positions, marker indices, the
-// depth-first numbering and its step rules); then both families end to end
-// on rendered boards: every circle gets its true marker index and a centre
-// close to the truth at many poses and both polarities, and wrong boards
-// and images get their failure codes.
+// Board recognition from its rules up: the parameter records read from
+// key maps; pre-processing (gamma off at exactly 1.0, binarisation types,
+// step order); the ellipse fit and the searcher's filters on drawn shapes;
+// the grid connection's truncated distance cuts, group tie rule, length
+// filter and neighbour slots; the frame shared by both families (board
+// positions, marker indices, the depth-first numbering and its step
+// rules); then both families end to end on rendered boards: every circle
+// gets its true marker index and a centre close to the truth at many poses
+// and both polarities, and wrong boards and images get their failure codes.
 
 #include <algorithm>
 #include <cfloat>
+#include <cmath>
 #include <iterator>
 #include <memory>
 
 #include <gtest/gtest.h>
+#include <opencv2/imgproc.hpp>
 
 #include <sl3d/calibboard/PelluxCalibBoardRecognizer.h>
 #include <sl3d/calibboard/QuillCalibBoardRecognizer.h>
@@ -21,61 +26,386 @@ namespace {
 
 using sl3d::BoardFamily;
 
-// One map holds every record's keys: each record takes only its own, int
-// fields truncate toward zero, and the image size words have no key.
+// --- key records ---------------------------------------------------------------
+
+// One map holds keys of every record: each record takes only its own,
+// int fields truncate toward zero, near-miss names are no keys, and the
+// image size words have none.
 TEST(CalibBoardParams, RecordsTakeTheirOwnKeysAndTruncateInts) {
   std::map<std::string, double> keys{
-      {"n_circles_x", 7.9},     {"n_circles_y", -0.5},  {"origin_x", -2.7},
-      {"origin_y", 3.0},        {"unit_length", 2.5},   {"distance_between_circles", 1.45},
-      {"bin_type", 2.99},       {"bin_param0", 11.5},   {"bin_param1", -3.9},
-      {"gamma_correction", 0.45}, {"do_smoothing", 1.0}, {"fitscore", 0.75},
-      {"n_minimum", 12.6},      {"max_radius", 90.0},   {"min_radius", -4.0},
-      {"debug_show_scale", 0.5}, {"image_width", 1.0},  {"width", 1.0},
-      {"N_CIRCLES_X", 4.0},     {"bin_type ", 0.0},     {"unknown", 3.0}};
+      {"n_circles_x", 7.9}, {"n_circles_y", -0.5},  {"origin_x", -2.7},   {"unit_length", 2.5},
+      {"bin_type", 2.99},   {"bin_param1", -3.9},   {"do_smoothing", 1},  {"n_minimum", 12.6},
+      {"N_CIRCLES_X", 4},   {"bin_type ", 0},       {"image_width", 1},   {"width", 1}};
   PreProcParams pre;
-  CircleMarkerParams marker;
+  CircleMarkerParams marker{0.9, 9, 640, 480};
   CalibBoardParams board;
-  marker.image_width = 640;
-  marker.image_height = 480;
   pre.set(keys);
   marker.set(keys);
   board.set(keys);
   const std::pair<double, double> read_and_expected[] = {
-      {board.n_circles_x, 7},          {board.n_circles_y, 0},
-      {board.origin_x, -2},            {board.origin_y, 3},
-      {board.unit_length, 2.5},        {board.distance_between_circles, 1.45},
-      {pre.bin_type, 2},               {pre.bin_param0, 11},
-      {pre.bin_param1, -3},            {pre.gamma_correction, 0.45},
-      {pre.do_smoothing, 1},           {pre.do_reverse_bw, 0},
-      {pre.do_equalize_hist, 0},       {marker.fitscore, 0.75},
-      {marker.n_minimum, 12},          {marker.max_radius, 90.0},
-      {marker.min_radius, -4.0},       {marker.debug_show_scale, 0.5},
-      {marker.image_width, 640},       {marker.image_height, 480}};
+      {board.n_circles_x, 7}, {board.n_circles_y, 0}, {board.origin_x, -2},
+      {board.unit_length, 2.5}, {pre.bin_type, 2}, {pre.bin_param1, -3}, {pre.do_smoothing, 1},
+      {marker.n_minimum, 12}, {marker.image_width, 640}, {marker.image_height, 480}};
   for (std::size_t k = 0; k < std::size(read_and_expected); ++k)
     EXPECT_EQ(read_and_expected[k].first, read_and_expected[k].second) << "field " << k;
 }
 
-// Opens the protected machinery for direct checks.
-class FrameProbe : public PelluxCalibBoardRecognizer {
+// --- pre-processing ---------------------------------------------------------
+
+bool equal(const cv::Mat& x, const cv::Mat& y) {
+  return x.size() == y.size() && x.type() == y.type() && cv::countNonZero(x != y) == 0;
+}
+
+PreProcessor configured(PreProcParams params) {
+  PreProcessor pre;
+  pre.init_preproc(params);
+  return pre;
+}
+
+// A smooth two-level image with noise: every step changes it.
+cv::Mat board_like_image() {
+  cv::Mat img(60, 80, CV_8U);
+  cv::RNG rng(7);
+  for (int y = 0; y < img.rows; ++y)
+    for (int x = 0; x < img.cols; ++x) {
+      const double base = std::hypot(x - 40, y - 30) < 15 ? 60.0 : 170.0;
+      img.at<uchar>(y, x) = cv::saturate_cast<uchar>(base + x * 0.8 + rng.gaussian(12.0));
+    }
+  return img;
+}
+
+cv::Mat apply_table(const cv::Mat& src, const std::vector<int>& table) {
+  cv::Mat dst = src.clone();
+  for (auto it = dst.begin<uchar>(); it != dst.end<uchar>(); ++it) *it = uchar(table[*it]);
+  return dst;
+}
+
+cv::Mat threshold(const cv::Mat& m, int level) {
+  cv::Mat b;
+  cv::threshold(m, b, level, 255, cv::THRESH_BINARY);
+  return b;
+}
+
+// Gamma is off at exactly 1.0, even with a table left from an earlier
+// setting, and on just above it; strictly above a fixed threshold is white;
+// unknown binarisation types give an empty image. Records are given as
+// {invert, equalise, smooth, type, param0, param1, gamma}.
+TEST(PreProcessor, GammaSwitchAndBinarisationTypes) {
+  PreProcParams fixed{false, false, false, 0, 128, 0, 1.0};
+  EXPECT_TRUE(configured(fixed).gamma_table.empty());
+  EXPECT_EQ(configured({false, false, false, 0, 128, 0, 1.001}).gamma_table.size(), 256u);
+  PreProcessor pre = configured({false, false, false, 0, 128, 0, 2.0});
+  pre.init_preproc(fixed);
+  EXPECT_EQ(pre.gamma_table.size(), 256u);
+  cv::Mat img = board_like_image(), edge = (cv::Mat_<uchar>(1, 3) << 127, 128, 129), expected;
+  EXPECT_TRUE(equal(pre.preprocess(img), threshold(img, 128)));
+  EXPECT_TRUE(equal(pre.preprocess(edge), (cv::Mat_<uchar>(1, 3) << 0, 0, 255)));
+  cv::adaptiveThreshold(img, expected, 255, cv::ADAPTIVE_THRESH_MEAN_C, cv::THRESH_BINARY, 11, 4);
+  EXPECT_TRUE(equal(configured({false, false, false, 2, 11, 4, 1.0}).preprocess(img), expected));
+  for (int unknown : {3, -1})
+    EXPECT_TRUE(configured({false, false, false, unknown, 0, 0, 1.0}).preprocess(img).empty());
+}
+
+// Invert, median, gamma, equalise, binarise: each order would give another
+// image, and the caller's image is not touched.
+TEST(PreProcessor, StepsRunInFixedOrderOnACopy) {
+  cv::Mat img = board_like_image();
+  const cv::Mat original = img.clone();
+  PreProcessor pre = configured({true, true, true, 0, 140, 0, 2.2});
+  const std::vector<int> table = pre.gamma_table;
+  auto median = [](const cv::Mat& m) { cv::Mat o; cv::medianBlur(m, o, 3); return o; };
+  auto equalize = [](const cv::Mat& m) { cv::Mat o; cv::equalizeHist(m, o); return o; };
+  auto invert = [](const cv::Mat& m) { return cv::Mat(255 - m); };
+
+  const cv::Mat result = pre.preprocess(img);
+  EXPECT_TRUE(equal(result, threshold(equalize(apply_table(median(invert(img)), table)), 140)));
+  EXPECT_FALSE(equal(result, threshold(apply_table(equalize(median(invert(img))), table), 140)));
+  EXPECT_TRUE(equal(img, original));
+  // Gamma acts on the inverted image (equalisation would hide the order).
+  const cv::Mat inverted_first = configured({true, false, false, 0, 140, 0, 2.2}).preprocess(img);
+  EXPECT_TRUE(equal(inverted_first, threshold(apply_table(invert(img), table), 140)));
+  EXPECT_FALSE(equal(inverted_first, threshold(invert(apply_table(img, table)), 140)));
+}
+
+// --- ellipse fit and search filters ---------------------------------------------
+
+using Contour = std::vector<cv::Point>;
+
+// The outer contour of the one white shape `draw` puts on a black image.
+template <typename Draw>
+Contour drawn_contour(Draw draw) {
+  cv::Mat img = cv::Mat::zeros(120, 120, CV_8U);
+  draw(img);
+  std::vector<Contour> found;
+  cv::findContours(img, found, cv::RETR_EXTERNAL, cv::CHAIN_APPROX_NONE);
+  return found.at(0);
+}
+
+// Centres and rejections are checked on drawn shapes below and on rendered
+// boards by the families' tests; here the axis convention and the
+// degenerate contours.
+TEST(RotatedEllipse, LongAxisFirstAndDegenerateContoursScoreZero) {
+  RotatedEllipse e;
+  auto fit = [&e](Contour c, double ring_width) { return e.fit(c, ring_width); };
+  EXPECT_GT(fit(drawn_contour([](cv::Mat& m) {
+              cv::ellipse(m, {60, 60}, {40, 16}, 30.0, 0, 360, 255, -1);
+            }), 1.5), 0.95);
+  EXPECT_NEAR(e.width, 80.0, 1.5);
+  EXPECT_NEAR(e.height, 32.0, 1.5);
+  EXPECT_DOUBLE_EQ(e.a, e.width / 2);
+  EXPECT_DOUBLE_EQ(e.b, e.height / 2);
+  EXPECT_NEAR(std::fmod(e.angle + 360.0, 180.0), 30.0, 2.5);  // the axis sign is free
+  EXPECT_NEAR(std::fabs(cv::determinant(e.axes)), 1.0, 1e-9);  // orthonormal axes
+  // Fewer than 4 points: score 0 and the ellipse keeps its fit. A thin line
+  // has a zero-width ring: score 0.
+  const RotatedEllipse before = e;
+  EXPECT_EQ(fit(Contour{{0, 0}, {5, 0}, {0, 5}}, 1.5), 0.0);
+  EXPECT_EQ(e.center, before.center);
+  EXPECT_EQ(e.width, before.width);
+  EXPECT_EQ(fit(Contour{{0, 0}, {1, 0}, {2, 0}, {3, 0}, {4, 0}}, 0.0), 0.0);
+}
+
+TEST(CircleMarkerSearcher, RoundnessBandIsThreePopulationDeviations) {
+  CircleMarkerSearcher s;
+  // Ellipses of the given (width, height); returns how many are kept.
+  auto kept = [&s](std::vector<std::pair<double, double>> sizes, std::vector<int>& flags) {
+    std::vector<RotatedEllipse> ellipses(sizes.size());
+    for (std::size_t i = 0; i < sizes.size(); ++i) {
+      ellipses[i].width = sizes[i].first;
+      ellipses[i].height = sizes[i].second;
+    }
+    return s.check_diameter_rate(ellipses, flags);
+  };
+  // Seven equal ratios of 0.9, whose plain sum / 7 is 0.9000000000000001:
+  // s = 0 and all are kept.
+  std::vector<int> flags(7, 1);
+  EXPECT_EQ(kept(std::vector(7, std::pair{10.0, 9.0}), flags), 7);
+  // Twenty round ones and one of ratio 0.5: mean 0.976, s 0.107, cut
+  // 0.655. A flagged-off one is ignored and not counted.
+  std::vector<std::pair<double, double>> sizes(20, {40.0, 40.0});
+  sizes.insert(sizes.end(), {{20.0, 40.0}, {80.0, 8.0}});
+  flags.assign(22, 1);
+  flags.back() = 0;
+  EXPECT_EQ(kept(sizes, flags), 20);
+  EXPECT_EQ(flags[20], 0);
+  // Ratios 0.9 and 1.0 alternating: band 0.8..1.1, all kept, even 0.9.
+  sizes.clear();
+  for (int i = 0; i < 10; ++i) sizes.emplace_back(i % 2 ? 9.0 : 10.0, 10.0);
+  flags.assign(10, 1);
+  EXPECT_EQ(kept(sizes, flags), 10);
+}
+
+CircleMarkerSearcher searcher_with(double min_radius, double max_radius, int n_minimum) {
+  CircleMarkerParams p;
+  p.min_radius = min_radius;
+  p.max_radius = max_radius;
+  p.n_minimum = n_minimum;
+  CircleMarkerSearcher s;
+  s.init_searcher(p);
+  return s;
+}
+
+// A 5 x 4 grid of discs of radius 15 plus shapes that must be rejected.
+struct ShapeSheet {
+  cv::Mat image = cv::Mat::zeros(420, 720, CV_8U);
+  std::vector<cv::Point> circles;
+
+  ShapeSheet() {
+    for (int j = 0; j < 4; ++j)
+      for (int i = 0; i < 5; ++i) {
+        circles.emplace_back(40 + 60 * i, 40 + 60 * j);
+        cv::circle(image, circles.back(), 15, 255, cv::FILLED);
+      }
+    cv::rectangle(image, cv::Rect(340, 20, 40, 40), 255, cv::FILLED);    // square
+    cv::rectangle(image, cv::Rect(340, 100, 120, 10), 255, cv::FILLED);  // bar
+    std::vector<cv::Point> triangle{{400, 150}, {460, 250}, {340, 250}};
+    cv::fillConvexPoly(image, triangle, 255);
+    cv::circle(image, {520, 40}, 4, 255, cv::FILLED);  // too short
+    // Fits well: only the roundness band removes it.
+    cv::ellipse(image, cv::Point(560, 150), cv::Size(36, 13), 0, 0, 360, 255, cv::FILLED);
+    cv::circle(image, {600, 330}, 30, 255, cv::FILLED);  // too wide (spread 60 > 40)
+    cv::circle(image, {460, 340}, 55, 255, cv::FILLED);  // too long a contour
+  }
+  cv::Mat binary() const { return image.clone(); }
+};
+
+TEST(CircleMarkerSearcher, FiltersKeepOnlyTheCircles) {
+  const ShapeSheet sheet;
+  // max_radius 40: length limit 252 points, spread limit 40 pixels.
+  CircleMarkerSearcher s = searcher_with(8.0, 40.0, 20);
+  cv::Mat binary = sheet.binary();
+  ASSERT_TRUE(s.search(binary));
+  ASSERT_EQ(s.ellipses.size(), sheet.circles.size());
+  ASSERT_EQ(s.contours.size(), sheet.circles.size());
+  for (std::size_t k = 0; k < s.ellipses.size(); ++k) {
+    double nearest = DBL_MAX;
+    for (cv::Point c : sheet.circles)
+      nearest = std::min(nearest, cv::norm(cv::Point2d(c) - s.ellipses[k].center));
+    EXPECT_LT(nearest, 1e-6);
+    // Contours are stored in the ellipses' order.
+    const cv::Scalar mean = cv::mean(s.contours[k]);
+    EXPECT_LT(cv::norm(cv::Point2d(mean[0], mean[1]) - s.ellipses[k].center), 1e-9);
+  }
+  // The spreads, not the semi-axes, meet the radius limits: discs of radius
+  // 15 (spread about 30) fail a max_radius of 25, whose length limit of 157
+  // points they pass.
+  CircleMarkerSearcher tight = searcher_with(8.0, 25.0, 1);
+  binary = sheet.binary();
+  EXPECT_FALSE(tight.search(binary));
+}
+
+TEST(CircleMarkerSearcher, TooFewMarkersFailsAndKeepsThePreviousResult) {
+  CircleMarkerSearcher s = searcher_with(8.0, 40.0, 21);
+  cv::Mat binary = ShapeSheet().binary(), empty, black = cv::Mat::zeros(100, 100, CV_8U);
+  s.contours = {{{1, 2}}};
+  for (cv::Mat* image : {&binary, &empty, &black}) EXPECT_FALSE(s.search(*image));
+  EXPECT_EQ(s.contours, (std::vector<Contour>{{{1, 2}}}));
+}
+
+// --- grid connection and numbering ------------------------------------------------
+
+// Opens a family's protected machinery for direct checks on placed
+// ellipses.
+template <typename Family>
+class Probe : public Family {
  public:
   using CalibBoardRecognizer::dir_x;
   using CalibBoardRecognizer::dir_y;
   using CalibBoardRecognizer::n_markers;
   using CalibBoardRecognizer::numbering;
+  using CircleMarkerSearcher::contours;
   using CircleMarkerSearcher::ellipses;
+  using ConnectionFinder::base_markers;
+  using ConnectionFinder::check_distance_matrix;
   using ConnectionFinder::connections;
   using ConnectionFinder::distance_between_circles;
+  using ConnectionFinder::find_connected;
+  using ConnectionFinder::get_distance_matrix;
+  using ConnectionFinder::get_median_contour_length;
+  using ConnectionFinder::remain_largest_group;
+  using ConnectionFinder::remove_inlier;
 
-  void add(double x, double y, cv::Vec4i links) {
+  // An ellipse with axis-aligned frame at (x, y), its neighbour slots and
+  // the point count of its contour.
+  void add(double x, double y, double width, double height, cv::Vec4i links = {},
+           size_t contour_points = 60) {
     RotatedEllipse e;
     e.axes = cv::Mat::eye(2, 2, CV_64F);
     e.center = {x, y};
-    e.width = e.height = 8;
-    e.a = e.b = 4;
+    e.width = width;
+    e.height = height;
+    e.a = width / 2;
+    e.b = height / 2;
     ellipses.push_back(e);
     connections.push_back(links);
+    contours.emplace_back(contour_points, cv::Point(0, 0));
+  }
+
+  cv::Mat_<double> checked_distances() {
+    cv::Mat_<double> D = get_distance_matrix();
+    check_distance_matrix(D);
+    return D;
   }
 };
+
+using PelluxProbe = Probe<PelluxCalibBoardRecognizer>;
+
+bool linked(const cv::Mat_<double>& D, int i, int j) { return D(i, j) != DBL_MAX; }
+
+TEST(ConnectionFinder, DistanceCutsCompareTruncatedTenthsRowByRow) {
+  PelluxProbe f;  // default 1.2: ratios up to 1.39... pass (trunc 13 <= 13)
+  f.add(0, 0, 10, 10);
+  f.add(13, 0, 10, 10);     // 1.3 diameters from 0
+  f.add(13, 13.5, 10, 10);  // 1.35 from 1: truncates to 13, passes
+  f.add(27, 13.5, 10, 10);  // 1.4 from 2: cut both ways
+  cv::Mat_<double> D = f.checked_distances();
+  EXPECT_DOUBLE_EQ(D(0, 1), 13.0);
+  EXPECT_TRUE(linked(D, 1, 0) && linked(D, 1, 2) && linked(D, 2, 1));
+  EXPECT_FALSE(linked(D, 2, 3) || linked(D, 3, 2));
+  for (int i = 0; i < 4; ++i) EXPECT_FALSE(linked(D, i, i));
+  f.distance_between_circles = 1.3;  // limit 14: 1.4 passes now
+  D = f.checked_distances();
+  EXPECT_TRUE(linked(D, 2, 3) && linked(D, 3, 2));
+
+  // A large circle reaches a small one that does not reach it back.
+  PelluxProbe sizes;
+  sizes.add(0, 0, 20, 20);
+  sizes.add(20, 0, 10, 10);
+  D = sizes.checked_distances();
+  EXPECT_TRUE(linked(D, 0, 1));
+  EXPECT_FALSE(linked(D, 1, 0));
+
+  // The second test uses the rim in the neighbour's direction: an ellipse
+  // 20 x 10 reaches 15 px along its long axis but not along its short one,
+  // although 15 / 20 passes the first test.
+  PelluxProbe flat;
+  flat.add(0, 0, 20, 10);
+  flat.add(15, 0, 20, 20);
+  flat.add(0, 15, 20, 20);
+  D = flat.checked_distances();
+  EXPECT_TRUE(linked(D, 0, 1) && linked(D, 2, 0));
+  EXPECT_FALSE(linked(D, 0, 2));
+}
+
+TEST(ConnectionFinder, LargestGroupTieGoesToTheLowerRoot) {
+  // {0, 3} is joined from row 3 only, so 3 is its root; {1, 2} has root 1.
+  // Sizes tie, and the group with root 1 survives although the other one
+  // holds index 0.
+  PelluxProbe f;
+  cv::Mat_<double> D(5, 5, DBL_MAX);
+  D(3, 0) = D(1, 2) = D(2, 1) = 1.0;
+  std::vector<int> flags(5, 1);
+  f.remain_largest_group(flags, D);
+  EXPECT_EQ(flags, (std::vector<int>{0, 1, 1, 0, 0}));
+  EXPECT_EQ(cv::countNonZero(D.row(3) != DBL_MAX), 0);
+  EXPECT_DOUBLE_EQ(D(1, 2), 1.0);
+  // A larger group wins over a lower root.
+  D.setTo(DBL_MAX);
+  D(0, 1) = D(4, 2) = D(4, 3) = 1.0;
+  flags.assign(5, 1);
+  f.remain_largest_group(flags, D);
+  EXPECT_EQ(flags, (std::vector<int>{0, 0, 1, 1, 1}));
+}
+
+TEST(ConnectionFinder, MedianLengthAndLengthFilter) {
+  PelluxProbe f;
+  for (size_t n : {100, 25, 26, 500, 404, 5, 101}) f.add(0, 0, 10, 10, {}, n);
+  std::vector<int> flags{1, 1, 1, 2, 1, 0, 1};
+  // Non-zero flags: 25 26 100 101 404 500; position 3 is the upper middle.
+  EXPECT_EQ(f.get_median_contour_length(flags), 101u);
+  cv::Mat_<double> D = f.get_distance_matrix();
+  f.remove_inlier(flags, D);
+  // (101 + 2) / 4 = 25 and 4 * 101 = 404 are both dropped; the ring (flag
+  // 2) is exempt however long.
+  EXPECT_EQ(flags, (std::vector<int>{1, 0, 1, 2, 0, 0, 1}));
+  std::vector<int> none(7, 0);
+  EXPECT_EQ(f.get_median_contour_length(none), 0u);
+}
+
+TEST(ConnectionFinder, NeighbourSlotsNearestFirst) {
+  PelluxProbe f;
+  for (int j = 0; j < 3; ++j)
+    for (int i = 0; i < 3; ++i) f.add(12.0 * i, 12.0 * j, 10, 10);  // index 3j + i
+  f.add(200, 200, 10, 10);  // alone
+  std::vector<int> flags(10, 1);
+  flags[7] = 0;
+  cv::Mat_<double> D = f.checked_distances();
+  const std::vector<cv::Vec4i> c = f.find_connected(flags, D);
+  ASSERT_EQ(c.size(), 10u);
+  EXPECT_EQ(c[0], cv::Vec4i(1, 3, -1, -1));  // corner: two empty slots
+  EXPECT_EQ(c[4], cv::Vec4i(1, 3, 5, -1));   // equal distances in index order; 7 dropped
+  EXPECT_EQ(c[7], cv::Vec4i(0, 0, 0, 0));    // dropped markers keep zeros
+  EXPECT_EQ(c[9], cv::Vec4i(-1, -1, -1, -1));
+
+  // Six candidates: the nearest four are kept; of the two at 20 px the
+  // lower index comes first.
+  PelluxProbe crowd;
+  for (cv::Point2d p : {cv::Point2d(0, 0), {20, 0}, {-18, 0}, {0, 25}, {0, -19}, {0, 20}})
+    crowd.add(p.x, p.y, 20, 20);
+  flags.assign(6, 1);
+  D = crowd.checked_distances();
+  EXPECT_EQ(crowd.find_connected(flags, D)[0], cv::Vec4i(2, 4, 1, 5));
+}
 
 // The board record: unit length, circles along x and y, origin circle.
 CalibBoardParams board(double unit, int nx, int ny, int ox, int oy) {
@@ -85,7 +415,7 @@ CalibBoardParams board(double unit, int nx, int ny, int ox, int oy) {
 const cv::Point2f kMissing(FLT_MAX, FLT_MAX);
 
 TEST(CalibBoardRecognizer, BoardPositionsIndicesAndRange) {
-  FrameProbe r;
+  PelluxProbe r;
   CalibBoardParams b = board(2.0, 3, 2, 1, 1);
   b.distance_between_circles = 1.7;
   PreProcParams pre;
@@ -116,7 +446,7 @@ TEST(CalibBoardRecognizer, BoardPositionsIndicesAndRange) {
   EXPECT_EQ(r.get_3d_position(0), expected[0]);
   EXPECT_EQ(r.image_size(), cv::Size(640, 480));
 
-  FrameProbe single;
+  PelluxProbe single;
   CalibBoardParams one = board(10.0, 1, 1, 0, 0);
   ASSERT_TRUE(single.init_recognizer(one));
   EXPECT_EQ(single.get_3d_position(0), cv::Point3f(0, 0, 0));
@@ -155,12 +485,12 @@ TEST(CalibBoardRecognizer, NumberingStepsAndVisitOrder) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    FrameProbe r;
+    PelluxProbe r;
     CalibBoardParams b = board(1.0, 4, 3, 1, 1);
     r.init_recognizer(b);
     r.dir_x = {1, 0};
     r.dir_y = {0, -1};
-    for (const auto& [centre, links] : c.markers) r.add(centre.x, centre.y, links);
+    for (const auto& [centre, links] : c.markers) r.add(centre.x, centre.y, 8, 8, links);
     std::vector<cv::Point2f> points(12, kMissing);
     std::vector<int> owner(12, -1);
     r.numbering(0, c.start, points, owner);
@@ -344,20 +674,10 @@ TEST(CalibBoardRecognizers, ImageSizeIsFixedByTheFirstImage) {
 // The one ring's neighbours, in slots nearest first: +y is the leftmost
 // one, +x the last listed one (a kept quirk: its limit is never tightened).
 TEST(QuillCalibBoardRecognizer, DirectionsFromTheRingsNeighbours) {
-  struct Probe : QuillCalibBoardRecognizer {
-    using CalibBoardRecognizer::dir_x;
-    using CalibBoardRecognizer::dir_y;
-    using CircleMarkerSearcher::ellipses;
-    using ConnectionFinder::base_markers;
-    using ConnectionFinder::connections;
-  } r;
-  for (cv::Point2d centre : {cv::Point2d(0, 0), {10, 0}, {-10, 0.5}, {0, -11}, {0, 12}}) {
-    RotatedEllipse e;
-    e.center = centre;
-    r.ellipses.push_back(e);
-  }
+  Probe<QuillCalibBoardRecognizer> r;
+  for (cv::Point2d centre : {cv::Point2d(0, 0), {10, 0}, {-10, 0.5}, {0, -11}, {0, 12}})
+    r.add(centre.x, centre.y, 8, 8);
   r.base_markers = {0};
-  r.connections = {{}};
   const struct {
     const char* name;
     cv::Vec4i slots;
