@@ -114,13 +114,8 @@ TEST_F(Calibrator, IntrinsicRecoversTheCameraAndReportsLeftOutViewsAsNaN) {
   for (int i = 0; i < 5; ++i) EXPECT_NEAR(cam.D(i), kLeft.D[i], 1e-3) << i;
   EXPECT_LT(rms, 1e-3);
   ASSERT_EQ(errors.size(), points.size());
-  for (std::size_t i = 0; i < errors.size(); ++i) {
-    if (i == 2 || i == 6) {
-      EXPECT_TRUE(std::isnan(errors[i])) << i;
-    } else {
-      EXPECT_LT(errors[i], 1e-3) << i;
-    }
-  }
+  for (std::size_t i = 0; i < errors.size(); ++i)
+    EXPECT_TRUE(i == 2 || i == 6 ? std::isnan(errors[i]) : errors[i] < 1e-3) << i;
   EXPECT_NEAR(cam.P(0, 3), 800 * 5 + 322 * 7, 1e-2);  // composed from T
   EXPECT_EQ(cam.get_center().at<double>(0), -5.0);
 }
