@@ -92,33 +92,10 @@ class Calibrator : public ::testing::Test {
   StereoCalib calib_;
 };
 
-void expect_intrinsics(const DistortCamera& cam, const TrueCamera& truth, double tolerance) {
+void expect_camera(const DistortCamera& cam, const TrueCamera& truth, double tolerance) {
   for (int r = 0; r < 2; ++r)
     for (int c = 0; c < 3; ++c) EXPECT_NEAR(cam.K(r, c), truth.K(r, c), tolerance) << r << c;
-}
-
-TEST_F(Calibrator, IntrinsicRecoversTheCameraAndReportsLeftOutViewsAsNaN) {
-  Views points = views(8);
-  points[2] = keep_only(points[2], 4);  // 4 correspondences: left out
-  points[5] = keep_only(points[5], 5);  // 5: used
-  points.insert(points.begin() + 6, std::vector<cv::Point2f>());  // no result
-  DistortCamera cam = camera("cam0");
-  // A pose from before: calibration composes P from it and keeps it.
-  cv::Mat_<double> ppm = (cv::Mat_<double>(3, 4) << 1, 0, 0, 5, 0, 1, 0, 6, 0, 0, 1, 7);
-  cam.setPPM(ppm);
-
-  std::vector<double> errors;
-  double rms = -1;
-  ASSERT_TRUE(calib_.calib_intrinsic(cam, points, errors, &rms));
-  EXPECT_EQ(cam.size, cv::Size(kWidth, kHeight));
-  expect_intrinsics(cam, kLeft, 1e-3);
-  for (int i = 0; i < 5; ++i) EXPECT_NEAR(cam.D(i), kLeft.D[i], 1e-3) << i;
-  EXPECT_LT(rms, 1e-3);
-  ASSERT_EQ(errors.size(), points.size());
-  for (std::size_t i = 0; i < errors.size(); ++i)
-    EXPECT_TRUE(i == 2 || i == 6 ? std::isnan(errors[i]) : errors[i] < 1e-3) << i;
-  EXPECT_NEAR(cam.P(0, 3), 800 * 5 + 322 * 7, 1e-2);  // composed from T
-  EXPECT_EQ(cam.get_center().at<double>(0), -5.0);
+  for (int i = 0; i < 5; ++i) EXPECT_NEAR(cam.D(i), truth.D[i], tolerance) << i;
 }
 
 // With CALIB_USE_INTRINSIC_GUESS and a focal length the guess is that
@@ -139,40 +116,56 @@ TEST_F(Calibrator, IntrinsicGuess) {
   // Without a focal length: the same result as without the flag, from a K
   // the guess would use (without a guess its aspect ratio is kept).
   std::vector<DistortCamera> cams = {camera("cam0"), camera("cam0")};
+  double rms[2] = {-1, -1};
   for (int guess : {0, 1}) {
     cp_.flags = cv::CALIB_FIX_ASPECT_RATIO | (guess ? cv::CALIB_USE_INTRINSIC_GUESS : 0);
     cp_.focal_length = 0.0;
     configure();
     cams[guess].K = (cv::Mat_<double>(3, 3) << 500, 0, 100, 0, 500, 100, 0, 0, 1);
-    ASSERT_TRUE(calib_.calib_intrinsic(cams[guess], points, errors, nullptr));
+    ASSERT_TRUE(calib_.calib_intrinsic(cams[guess], points, errors, &rms[guess]));
   }
   EXPECT_EQ(cv::norm(cams[0].K, cams[1].K, cv::NORM_INF), 0.0);
   EXPECT_EQ(cv::norm(cams[0].D, cams[1].D, cv::NORM_INF), 0.0);
+  EXPECT_GE(rms[0], 0.0);
+  EXPECT_EQ(rms[0], rms[1]);
 }
 
-TEST_F(Calibrator, StereoRecoversThePoseFromTheCommonPrefixOfUnevenLists) {
+// The pair from the common prefix of uneven lists: the left camera's views
+// 6..8 have no partner, its view 6 has 4 markers (left out of its
+// intrinsics: NaN), its view 7 none and its view 4 only 5 (used); view 1
+// loses its right image.
+TEST_F(Calibrator, StereoRecoversBothCamerasAndTheirPose) {
   std::vector<Views> points = {views(9), views(6, true)};
-  // Views 6..8 of the left camera have no partner; view 1 loses its right
-  // image, and the left camera's view 4 has only 5 markers.
-  points[1][1].clear();
   points[0][4] = keep_only(points[0][4], 5);
+  points[0][6] = keep_only(points[0][6], 4);
+  points[0][7].clear();
+  points[1][1].clear();
   std::vector<DistortCamera> cams = {camera("cam0"), camera("cam1")};
+  // A pose from before: calibration composes P from it and keeps it.
+  cv::Mat_<double> ppm = (cv::Mat_<double>(3, 4) << 1, 0, 0, 5, 0, 1, 0, 6, 0, 0, 1, 7);
+  cams[0].setPPM(ppm);
   std::vector<std::vector<double>> errors(2);
   double rms = -1;
   ASSERT_EQ(calib_.exec(cams, points, errors, &rms), 0);
   EXPECT_LT(rms, 1e-3);
-  EXPECT_EQ(errors[0].size(), 9u);
+  ASSERT_EQ(errors[0].size(), 9u);
+  for (std::size_t i = 0; i < 9; ++i)
+    EXPECT_TRUE(i == 6 || i == 7 ? std::isnan(errors[0][i]) : errors[0][i] < 1e-3) << i;
   EXPECT_EQ(errors[1].size(), 6u);
   EXPECT_TRUE(std::isnan(errors[1][1]));
-  expect_intrinsics(cams[0], kLeft, 1e-2);
-  expect_intrinsics(cams[1], kRight, 1e-2);
+  EXPECT_EQ(cams[0].size, cv::Size(kWidth, kHeight));
+  expect_camera(cams[0], kLeft, 1e-3);
+  expect_camera(cams[1], kRight, 1e-3);
   cv::Matx33d r_true;
   cv::Rodrigues(kRightFromLeftRvec, r_true);
   EXPECT_LT(cv::norm(cv::Mat(r_true) - cams[1].R, cv::NORM_INF), 1e-6);
   EXPECT_LT(cv::norm(cv::Mat(kRightFromLeftT) - cams[1].T, cv::NORM_INF), 1e-3);
-  // The left camera keeps its pose: the pair's frame is its own.
+  // The left camera keeps its pose (the pair's frame is its own), and its
+  // P is composed from it.
   EXPECT_EQ(cv::norm(cams[0].R, cv::Mat_<double>::eye(3, 3), cv::NORM_INF), 0.0);
-  EXPECT_EQ(cv::norm(cams[0].T, cv::NORM_INF), 0.0);
+  EXPECT_EQ(cv::norm(cams[0].T, cv::Mat(cv::Vec3d(5, 6, 7)), cv::NORM_INF), 0.0);
+  EXPECT_NEAR(cams[0].P(0, 3), cams[0].K(0, 0) * 5 + cams[0].K(0, 2) * 7, 1e-9);
+  EXPECT_EQ(cams[0].get_center().at<double>(0), -5.0);
   // compose() put the relative pose into the right camera's projection but
   // not into RT/RT_inv: the centre still answers from the identity pose.
   EXPECT_EQ(cv::norm(cams[1].get_center(), cv::NORM_INF), 0.0);
