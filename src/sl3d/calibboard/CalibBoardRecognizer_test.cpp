@@ -1,12 +1,8 @@
-// Board recognition from its rules up: the parameter records read from
-// key maps; pre-processing (gamma off at exactly 1.0, binarisation types,
-// step order); the ellipse fit and the searcher's filters on drawn shapes;
-// the grid connection's truncated distance cuts, group tie rule, length
-// filter and neighbour slots; the frame shared by both families (board
-// positions, marker indices, the depth-first numbering and its step
-// rules); then both families end to end on rendered boards: every circle
-// gets its true marker index and a centre close to the truth at many poses
-// and both polarities, and wrong boards and images get their failure codes.
+// Board recognition from its rules up: key records, pre-processing, the
+// ellipse fit and search filters, the grid connection and the numbering
+// shared by both families; then both families end to end on rendered
+// boards, right ones numbered at many poses and both polarities, wrong ones
+// with their failure codes.
 
 #include <algorithm>
 #include <cfloat>
