@@ -1,19 +1,17 @@
 // The calibration drivers on exact synthetic observations: marker lists
-// made by projecting the board's true positions through a known camera, so
-// every result can be checked against the camera that made them. One real
-// recognition gives the recognizer its image size, as it would in use.
-// Then marker centres measured again on rendered board views of both
-// families, against the renderer's true ellipse centres.
+// made by projecting the board's true positions through known cameras, so
+// every result can be checked against the cameras that made them. Then
+// marker centres measured again on rendered board views of both families,
+// against the renderer's true ellipse centres.
 
+#include <algorithm>
 #include <cfloat>
 #include <cmath>
-#include <memory>
+#include <map>
 
 #include <gtest/gtest.h>
 #include <opencv2/calib3d.hpp>
-#include <opencv2/imgproc.hpp>
 
-#include <sl3d/calibboard/PelluxCalibBoardRecognizer.h>
 #include <sl3d/calibboard/QuillCalibBoardRecognizer.h>
 #include <sl3d/calibrator/calibrator.h>
 #include <sl3d/calibrator/marker_centres.h>
@@ -44,46 +42,33 @@ class Calibrator : public ::testing::Test {
     configure();
   }
 
-  // Sets the drivers' parameters to cp_, which makes a new recognizer; one
-  // recognition then fixes the image size the drivers calibrate for.
+  // Sets the drivers' parameters to cp_, which makes a new recognizer; the
+  // marker record's size words give it the image size to calibrate for.
   void configure() {
+    board_.marker.image_width = kWidth;
+    board_.marker.image_height = kHeight;
     ASSERT_TRUE(calib_.set_parameters(cp_, board_.board, board_.marker, board_.pre));
-    static const cv::Mat board_image = [this] {
-      sl3d::BoardCamera camera;
-      camera.width = kWidth;
-      camera.height = kHeight;
-      return sl3d::render_board(board_.layout,
-                                sl3d::board_pose_facing(board_.layout, 330, 10, 8, 3), camera)
-          .image;
-    }();
-    cv::Mat image = board_image.clone();
-    std::vector<cv::Point2f> points;
-    ASSERT_EQ(calib_.recognizer->recognize(image, points), 0);
-    ASSERT_EQ(calib_.recognizer->image_size(), cv::Size(kWidth, kHeight));
   }
 
   // The board seen from pose k of a fixed set, all markers found; with
   // `right` the same board through the right camera.
   std::vector<cv::Point2f> view(int k, bool right = false) const {
-    const double a = 0.35 * std::sin(1.7 * k), b = 0.35 * std::cos(2.3 * k);
-    const cv::Vec3d rvec(a, b, 0.2 * k);
+    const cv::Vec3d rvec(0.35 * std::sin(1.7 * k), 0.35 * std::cos(2.3 * k), 0.2 * k);
     const cv::Vec3d tvec(-60 + 15 * (k % 3), -50 + 12 * (k % 4), 420 + 25 * k);
-    std::vector<cv::Point3f> board;
-    const int n = board_.board.n_circles_x * board_.board.n_circles_y;
-    for (int i = 0; i < n; ++i) board.push_back(calib_.recognizer->get_3d_position(i));
-    std::vector<cv::Point2f> image;
-    if (!right) {
-      cv::projectPoints(board, rvec, tvec, kLeft.K, kLeft.D, image);
-      return image;
+    cv::Matx33d left_from_board, right_from_left;
+    cv::Rodrigues(rvec, left_from_board);
+    cv::Rodrigues(kRightFromLeftRvec, right_from_left);
+    std::vector<cv::Point3d> in_camera;
+    for (int i = 0; i < board_.board.n_circles_x * board_.board.n_circles_y; ++i) {
+      const cv::Point3d on_board = calib_.recognizer->get_3d_position(i);
+      cv::Vec3d p = left_from_board * cv::Vec3d(on_board) + tvec;
+      if (right) p = right_from_left * p + kRightFromLeftT;
+      in_camera.emplace_back(p);
     }
-    cv::Matx33d r_board, r_rel;
-    cv::Rodrigues(rvec, r_board);
-    cv::Rodrigues(kRightFromLeftRvec, r_rel);
-    cv::Vec3d rvec_right;
-    cv::Rodrigues(r_rel * r_board, rvec_right);
-    cv::projectPoints(board, rvec_right, r_rel * tvec + kRightFromLeftT, kRight.K, kRight.D,
-                      image);
-    return image;
+    const TrueCamera& cam = right ? kRight : kLeft;
+    std::vector<cv::Point2d> image;
+    cv::projectPoints(in_camera, cv::Vec3d(), cv::Vec3d(), cam.K, cam.D, image);
+    return std::vector<cv::Point2f>(image.begin(), image.end());
   }
 
   // Keeps `count` (at most 5) markers spread over the board, no three in a
@@ -107,139 +92,106 @@ class Calibrator : public ::testing::Test {
   StereoCalib calib_;
 };
 
-void expect_intrinsics(const DistortCamera& cam, const TrueCamera& truth, double tolerance) {
+void expect_camera(const DistortCamera& cam, const TrueCamera& truth, double tolerance) {
   for (int r = 0; r < 2; ++r)
     for (int c = 0; c < 3; ++c) EXPECT_NEAR(cam.K(r, c), truth.K(r, c), tolerance) << r << c;
+  for (int i = 0; i < 5; ++i) EXPECT_NEAR(cam.D(i), truth.D[i], tolerance) << i;
 }
 
-TEST_F(Calibrator, IntrinsicRecoversTheCameraAndReportsLeftOutViewsAsNaN) {
-  Views points = views(8);
-  points[2] = keep_only(points[2], 4);  // 4 correspondences: left out
-  points[5] = keep_only(points[5], 5);  // 5: used
-  points.insert(points.begin() + 6, std::vector<cv::Point2f>());  // no result
-  DistortCamera cam = camera("cam0");
-  // A pose from before: calibration composes P from it and keeps it.
-  cv::Mat_<double> ppm = (cv::Mat_<double>(3, 4) << 1, 0, 0, 5, 0, 1, 0, 6, 0, 0, 1, 7);
-  cam.setPPM(ppm);
-
+// With CALIB_USE_INTRINSIC_GUESS and a focal length the guess is that
+// focal length at the image centre; without a focal length the flag is
+// dropped, and the calibration runs as if it had not been asked for.
+TEST_F(Calibrator, IntrinsicGuess) {
+  Views points = views(6);
   std::vector<double> errors;
-  double rms = -1;
-  ASSERT_TRUE(calib_.calib_intrinsic(cam, points, errors, &rms));
-  EXPECT_EQ(cam.size, cv::Size(kWidth, kHeight));
-  expect_intrinsics(cam, kLeft, 1e-3);
-  for (int i = 0; i < 5; ++i) EXPECT_NEAR(cam.D(i), kLeft.D[i], 1e-3) << i;
-  EXPECT_LT(rms, 1e-3);
-  ASSERT_EQ(errors.size(), points.size());
-  for (std::size_t i = 0; i < errors.size(); ++i) {
-    if (i == 2 || i == 6) {
-      EXPECT_TRUE(std::isnan(errors[i])) << i;
-    } else {
-      EXPECT_LT(errors[i], 1e-3) << i;
-    }
-  }
-  EXPECT_NEAR(cam.P(0, 3), 800 * 5 + 322 * 7, 1e-2);  // composed from T
-  EXPECT_EQ(cam.get_center().at<double>(0), -5.0);
-}
-
-TEST_F(Calibrator, IntrinsicFailsWithoutAViewOfFivePoints) {
-  Views points = {keep_only(view(0), 4), {}, keep_only(view(1), 3)};
-  DistortCamera cam = camera("cam0");
-  const cv::Mat_<double> k_before = cam.K.clone();
-  std::vector<double> errors = {1.0};
-  EXPECT_FALSE(calib_.calib_intrinsic(cam, points, errors, nullptr));
-  EXPECT_EQ(cam.size, cv::Size(kWidth, kHeight));  // set before the check
-  EXPECT_EQ(cv::norm(cam.K, k_before, cv::NORM_INF), 0.0);
-  EXPECT_EQ(errors.size(), 1u);
-}
-
-TEST_F(Calibrator, IntrinsicGuessPresetsTheFocalLengthAtTheImageCentre) {
-  const Views points = views(6);
   cp_.flags = cv::CALIB_USE_INTRINSIC_GUESS | cv::CALIB_FIX_FOCAL_LENGTH |
               cv::CALIB_FIX_PRINCIPAL_POINT;
   cp_.focal_length = 900.0;
   configure();
   DistortCamera guessed = camera("cam0");
-  std::vector<double> errors;
-  Views copy = points;
-  ASSERT_TRUE(calib_.calib_intrinsic(guessed, copy, errors, nullptr));
-  EXPECT_EQ(guessed.K(0, 0), 900.0);
-  EXPECT_EQ(guessed.K(1, 1), 900.0);
-  EXPECT_EQ(guessed.K(0, 2), kWidth * 0.5);
-  EXPECT_EQ(guessed.K(1, 2), kHeight * 0.5);
+  ASSERT_TRUE(calib_.calib_intrinsic(guessed, points, errors, nullptr));
+  EXPECT_EQ(cv::Matx33d(guessed.K),
+            cv::Matx33d(900, 0, kWidth * 0.5, 0, 900, kHeight * 0.5, 0, 0, 1));
+
+  // Without a focal length: the same result as without the flag, from a K
+  // the guess would use (without a guess its aspect ratio is kept).
+  std::vector<DistortCamera> cams = {camera("cam0"), camera("cam0")};
+  double rms[2] = {-1, -1};
+  for (int guess : {0, 1}) {
+    cp_.flags = cv::CALIB_FIX_ASPECT_RATIO | (guess ? cv::CALIB_USE_INTRINSIC_GUESS : 0);
+    cp_.focal_length = 0.0;
+    configure();
+    cams[guess].K = (cv::Mat_<double>(3, 3) << 500, 0, 100, 0, 500, 100, 0, 0, 1);
+    ASSERT_TRUE(calib_.calib_intrinsic(cams[guess], points, errors, &rms[guess]));
+  }
+  EXPECT_EQ(cv::norm(cams[0].K, cams[1].K, cv::NORM_INF), 0.0);
+  EXPECT_EQ(cv::norm(cams[0].D, cams[1].D, cv::NORM_INF), 0.0);
+  EXPECT_GE(rms[0], 0.0);
+  EXPECT_EQ(rms[0], rms[1]);
 }
 
-TEST_F(Calibrator, IntrinsicGuessWithoutAFocalLengthRunsAsIfNotAsked) {
-  cp_.flags = cv::CALIB_USE_INTRINSIC_GUESS | cv::CALIB_FIX_ASPECT_RATIO;
-  cp_.focal_length = 0.0;
-  configure();
-  Views points = views(6);
-  DistortCamera with_flag = camera("cam0");
-  // A K that the guess would use, and that must be ignored.
-  with_flag.K = (cv::Mat_<double>(3, 3) << 500, 0, 100, 0, 500, 100, 0, 0, 1);
-  std::vector<double> errors;
-  ASSERT_TRUE(calib_.calib_intrinsic(with_flag, points, errors, nullptr));
-
-  cp_.flags = cv::CALIB_FIX_ASPECT_RATIO;
-  configure();
-  // Without a guess the aspect ratio is fixed at that of the given K.
-  DistortCamera without_flag = camera("cam0");
-  without_flag.K = (cv::Mat_<double>(3, 3) << 500, 0, 100, 0, 500, 100, 0, 0, 1);
-  ASSERT_TRUE(calib_.calib_intrinsic(without_flag, points, errors, nullptr));
-  EXPECT_EQ(cv::norm(with_flag.K, without_flag.K, cv::NORM_INF), 0.0);
-  EXPECT_EQ(cv::norm(with_flag.D, without_flag.D, cv::NORM_INF), 0.0);
-}
-
-TEST_F(Calibrator, StereoRecoversThePoseFromTheCommonPrefixOfUnevenLists) {
+// The pair from the common prefix of uneven lists: the left camera's views
+// 6..8 have no partner, its view 6 has 4 markers (left out of its
+// intrinsics: NaN), its view 7 none and its view 4 only 5 (used); view 1
+// loses its right image.
+TEST_F(Calibrator, StereoRecoversBothCamerasAndTheirPose) {
   std::vector<Views> points = {views(9), views(6, true)};
-  // Views 6..8 of the left camera have no partner; view 1 loses its right
-  // image, and the left camera's view 4 has only 5 markers.
-  points[1][1].clear();
   points[0][4] = keep_only(points[0][4], 5);
+  points[0][6] = keep_only(points[0][6], 4);
+  points[0][7].clear();
+  points[1][1].clear();
   std::vector<DistortCamera> cams = {camera("cam0"), camera("cam1")};
+  // A pose from before: calibration composes P from it and keeps it.
+  cv::Mat_<double> ppm = (cv::Mat_<double>(3, 4) << 1, 0, 0, 5, 0, 1, 0, 6, 0, 0, 1, 7);
+  cams[0].setPPM(ppm);
   std::vector<std::vector<double>> errors(2);
   double rms = -1;
   ASSERT_EQ(calib_.exec(cams, points, errors, &rms), 0);
   EXPECT_LT(rms, 1e-3);
-  EXPECT_EQ(errors[0].size(), 9u);
+  ASSERT_EQ(errors[0].size(), 9u);
+  for (std::size_t i = 0; i < 9; ++i)
+    EXPECT_TRUE(i == 6 || i == 7 ? std::isnan(errors[0][i]) : errors[0][i] < 1e-3) << i;
   EXPECT_EQ(errors[1].size(), 6u);
   EXPECT_TRUE(std::isnan(errors[1][1]));
-  expect_intrinsics(cams[0], kLeft, 1e-2);
-  expect_intrinsics(cams[1], kRight, 1e-2);
+  EXPECT_EQ(cams[0].size, cv::Size(kWidth, kHeight));
+  expect_camera(cams[0], kLeft, 1e-3);
+  expect_camera(cams[1], kRight, 1e-3);
   cv::Matx33d r_true;
   cv::Rodrigues(kRightFromLeftRvec, r_true);
   EXPECT_LT(cv::norm(cv::Mat(r_true) - cams[1].R, cv::NORM_INF), 1e-6);
   EXPECT_LT(cv::norm(cv::Mat(kRightFromLeftT) - cams[1].T, cv::NORM_INF), 1e-3);
-  // The left camera keeps its pose: the pair's frame is its own.
+  // The left camera keeps its pose (the pair's frame is its own), and its
+  // P is composed from it.
   EXPECT_EQ(cv::norm(cams[0].R, cv::Mat_<double>::eye(3, 3), cv::NORM_INF), 0.0);
-  EXPECT_EQ(cv::norm(cams[0].T, cv::NORM_INF), 0.0);
+  EXPECT_EQ(cv::norm(cams[0].T, cv::Mat(cv::Vec3d(5, 6, 7)), cv::NORM_INF), 0.0);
+  EXPECT_NEAR(cams[0].P(0, 3), cams[0].K(0, 0) * 5 + cams[0].K(0, 2) * 7, 1e-9);
+  EXPECT_EQ(cams[0].get_center().at<double>(0), -5.0);
   // compose() put the relative pose into the right camera's projection but
   // not into RT/RT_inv: the centre still answers from the identity pose.
   EXPECT_EQ(cv::norm(cams[1].get_center(), cv::NORM_INF), 0.0);
   EXPECT_NEAR(cams[1].P(0, 3), cams[1].K(0, 0) * cams[1].T.at<double>(0) +
                                    cams[1].K(0, 2) * cams[1].T.at<double>(2), 1e-6);
-}
 
-TEST_F(Calibrator, StereoUsesAViewWithOnlyAFewCommonMarkers) {
-  std::vector<Views> points = {views(6), views(6, true)};
-  // Three markers in common: too few for OpenCV, which refuses the set
-  // rather than the view being skipped.
+  // A view with three markers in common is used, not skipped: too few for
+  // OpenCV, which refuses the whole set.
   points[1][3] = keep_only(points[1][3], 3);
-  std::vector<DistortCamera> cams = {camera("cam0"), camera("cam1")};
-  std::vector<double> errors;
-  ASSERT_TRUE(calib_.calib_intrinsic(cams[0], points[0], errors, nullptr));
-  ASSERT_TRUE(calib_.calib_intrinsic(cams[1], points[1], errors, nullptr));
   EXPECT_THROW(calib_.calib_extrinsic(cams, points, cv::CALIB_FIX_INTRINSIC, nullptr),
                cv::Exception);
 }
 
 TEST_F(Calibrator, ExecReportsWhichStepFailed) {
   std::vector<DistortCamera> cams = {camera("cam0"), camera("cam1")};
-  std::vector<std::vector<double>> errors(2);
-  // Left camera without a usable view: 1, the right camera untouched.
-  std::vector<Views> no_left = {{keep_only(view(0), 4)}, views(5, true)};
+  const cv::Mat_<double> k_before = cams[0].K.clone();
+  std::vector<std::vector<double>> errors = {{1.0}, {}};
+  // No left view of 5 markers: 1. The image size is set before the check;
+  // the cameras' parameters, the right camera and the errors are untouched.
+  std::vector<Views> no_left = {{keep_only(view(0), 4), {}, keep_only(view(1), 3)},
+                                views(5, true)};
   EXPECT_EQ(calib_.exec(cams, no_left, errors, nullptr), 1);
+  EXPECT_EQ(cams[0].size, cv::Size(kWidth, kHeight));
+  EXPECT_EQ(cv::norm(cams[0].K, k_before, cv::NORM_INF), 0.0);
   EXPECT_EQ(cams[1].size, cv::Size(0, 0));
-  EXPECT_TRUE(errors[1].empty());
+  EXPECT_EQ(errors, (std::vector<std::vector<double>>{{1.0}, {}}));
 
   // Both cameras calibrate, but no view has both images: 2.
   std::vector<Views> disjoint = {views(6), views(6, true)};
@@ -264,168 +216,138 @@ TEST_F(Calibrator, PreciseCalibrationReportsUnusableArguments) {
   std::vector<std::vector<cv::Mat>> images(2);
   sl3d::PreciseCalibrationOptions options;
   options.refinement.circle_radius = 12.0;
-  StereoCalib unset;
-  EXPECT_EQ(sl3d::calibrate_stereo_precisely(unset, images, points, cams, errors, options).code, 3);
-  sl3d::PreciseCalibration r =
-      sl3d::calibrate_stereo_precisely(calib_, images, points, cams, errors, options);
+  auto precisely = [&](StereoCalib& calib) {
+    return sl3d::calibrate_stereo_precisely(calib, images, points, cams, errors, options);
+  };
+  StereoCalib unset;  // no recognizer: nothing to calibrate with
+  EXPECT_EQ(unset.recognizer, nullptr);
+  EXPECT_FALSE(unset.calib_intrinsic(cams[0], points[0], errors[0], nullptr));
+  EXPECT_EQ(precisely(unset).code, 3);
+  const sl3d::PreciseCalibration r = precisely(calib_);
   EXPECT_EQ(r.code, 3);  // lists of points without their images
   EXPECT_FALSE(r.message.empty());
   for (int c = 0; c < 2; ++c) {
     images[c].emplace_back(4, 4, CV_8UC3);
     points[c][0] = view(0, c == 1);
   }
-  EXPECT_EQ(sl3d::calibrate_stereo_precisely(calib_, images, points, cams, errors, options).code,
-            3);  // not grey images
+  EXPECT_EQ(precisely(calib_).code, 3);  // not grey images
   options.remeasure = false;
   options.refinement.circle_radius = 0.0;
-  EXPECT_EQ(sl3d::calibrate_stereo_precisely(calib_, images, points, cams, errors, options).code,
-            3);
+  EXPECT_EQ(precisely(calib_).code, 3);
 }
 
-TEST(CalibratorSetup, BoardTypeChoosesTheFamilyAndRefusedBoardsKeepTheOldSettings) {
+// Board type 1 makes the one-ring recognizer; a refused board keeps the
+// other settings.
+TEST(CalibratorSetup, BoardTypeAndRefusedBoards) {
   sl3d::SynthBoard board = sl3d::synth_board(sl3d::BoardFamily::kQuill, 5.0);
-  CameraCalibParams cp;
+  CameraCalibParams cp, other;
   cp.focal_length = 1000;
   cp.flags = cv::CALIB_FIX_K3;
-  CameraCalib pellux;
   CameraCalib quill(1);
-  EXPECT_EQ(pellux.recognizer, nullptr);
-  ASSERT_TRUE(pellux.set_parameters(cp, board.board, board.marker, board.pre));
   ASSERT_TRUE(quill.set_parameters(cp, board.board, board.marker, board.pre));
-  EXPECT_NE(dynamic_cast<PelluxCalibBoardRecognizer*>(pellux.recognizer), nullptr);
-  EXPECT_NE(dynamic_cast<QuillCalibBoardRecognizer*>(quill.recognizer), nullptr);
-
-  CameraCalibParams other;
-  CalibBoardParams no_board = board.board;
-  no_board.unit_length = 0.0;
-  EXPECT_FALSE(quill.set_parameters(other, no_board, board.marker, board.pre));
-  EXPECT_NE(quill.recognizer, nullptr);
+  board.board.unit_length = 0.0;
+  EXPECT_FALSE(quill.set_parameters(other, board.board, board.marker, board.pre));
   EXPECT_NE(dynamic_cast<QuillCalibBoardRecognizer*>(quill.recognizer), nullptr);
   EXPECT_EQ(quill.focal_length, 1000);  // cp not copied
   EXPECT_EQ(quill.flags, cv::CALIB_FIX_K3);
-
-  DistortCamera cam(cv::Size(0, 0), "cam0");
-  std::vector<std::vector<cv::Point2f>> points;
-  std::vector<double> errors;
-  CameraCalib unset;
-  EXPECT_FALSE(unset.calib_intrinsic(cam, points, errors, nullptr));
 }
 
 constexpr double kDistanceMm = 330.0;
 
-// A view, the recognizer's marker list for it and the truth by marker index.
+// A view, the board's marker grid, the recognizer's marker list for the
+// view, and by marker index the true ellipse centres and ring markers.
 struct RecognisedView {
   cv::Mat image;
-  std::vector<cv::Point2f> found;
-  std::vector<cv::Point2d> truth;  // ellipse centre by marker index
-  std::vector<bool> ring;          // by marker index
-};
-
-struct RecognisedFamily {
   cv::Size grid;
-  std::vector<RecognisedView> views;
+  std::vector<cv::Point2f> found;
+  std::vector<cv::Point2d> truth;
+  std::vector<bool> ring;
 };
 
-RecognisedFamily recognise(BoardFamily family) {
+// Every other view of the family's set (both tilt directions and rolls),
+// rendered and recognised once for all tests.
+const std::vector<RecognisedView>& recognised(BoardFamily family) {
+  static std::map<BoardFamily, std::vector<RecognisedView>> sets;
+  std::vector<RecognisedView>& views = sets[family];
+  if (!views.empty()) return views;
   const BoardCamera camera;
   const BoardGrid grid = BoardGrid::detection();
   SynthBoard board = synth_board(family, min_radius_for(grid, camera.fx, kDistanceMm), grid);
-  std::unique_ptr<CalibBoardRecognizer> recognizer;
-  if (family == BoardFamily::kPellux) recognizer.reset(new PelluxCalibBoardRecognizer());
-  else recognizer.reset(new QuillCalibBoardRecognizer());
-  EXPECT_TRUE(recognizer->set_parameters(board.pre, board.marker, board.board));
-  RecognisedFamily out;
-  out.grid = recognizer->get_marker_range().size();
+  StereoCalib calib(family == BoardFamily::kPellux ? 0 : 1);
+  CameraCalibParams cp;
+  EXPECT_TRUE(calib.set_parameters(cp, board.board, board.marker, board.pre));
   BoardImaging imaging;
   imaging.noise_sigma = 1.0;
   imaging.blur_sigma_px = 0.5;
-  // Every other view of the family's set: both tilt directions and rolls.
   const std::vector<ViewAngles>& angles = board_views(family);
   for (std::size_t v = 0; v < angles.size(); v += 2) {
     const ViewAngles& a = angles[v];
     const BoardRendering r = render_board(
         board.layout, board_pose_facing(board.layout, kDistanceMm, a.tilt_x, a.tilt_y, a.roll),
         camera, imaging);
-    RecognisedView view;
-    view.image = r.image;
+    ++imaging.seed;
+    RecognisedView view{r.image, calib.recognizer->get_marker_range().size(), {},
+                        std::vector<cv::Point2d>(board.truth_index.size()),
+                        std::vector<bool>(board.truth_index.size())};
     cv::Mat work = r.image.clone();
-    if (recognizer->recognize(work, view.found) != 0) continue;
-    view.truth.assign(view.found.size(), cv::Point2d());
-    view.ring.assign(view.found.size(), false);
+    if (calib.recognizer->recognize(work, view.found) != 0) continue;
     for (std::size_t c = 0; c < board.truth_index.size(); ++c)
       view.truth[board.truth_index[c]] = r.ellipse_centres[c];
     for (const BoardRing& ring : board.layout.rings)
       view.ring[board.truth_index[ring.j * board.layout.circles_x + ring.i]] = true;
-    out.views.push_back(view);
-    ++imaging.seed;
+    views.push_back(view);
   }
-  EXPECT_GE(out.views.size(), 3u);
-  return out;
+  EXPECT_GE(views.size(), 3u);
+  return views;
 }
 
-// Rendered and recognised once for all tests.
-const RecognisedFamily& recognised(BoardFamily family) {
-  static const RecognisedFamily pellux = recognise(BoardFamily::kPellux);
-  static const RecognisedFamily quill = recognise(BoardFamily::kQuill);
-  return family == BoardFamily::kPellux ? pellux : quill;
+double rms(const std::vector<double>& d) {
+  double sum = 0.0;
+  for (double x : d) sum += x * x;
+  return std::sqrt(sum / d.size());
 }
-
-struct Scatter {
-  double sum2 = 0.0, max = 0.0;
-  int n = 0;
-  void add(const cv::Point2f& p, const cv::Point2d& truth) {
-    const double d = std::hypot(p.x - truth.x, p.y - truth.y);
-    sum2 += d * d;
-    max = std::max(max, d);
-    ++n;
-  }
-  double rms() const { return n > 0 ? std::sqrt(sum2 / n) : 0.0; }
-};
 
 // Both families, rings included: the new centres lie several times closer
 // to the true ellipse centres than the recognizer's, and every found
 // marker is measured.
 TEST(MarkerCentres, ScatterFarBelowTheRecognizersOnBothFamilies) {
   for (BoardFamily family : {BoardFamily::kPellux, BoardFamily::kQuill}) {
-    const RecognisedFamily& set = recognised(family);
-    Scatter before, after, rings;
-    for (const RecognisedView& view : set.views) {
+    SCOPED_TRACE(family_name(family));
+    std::vector<double> before, after;
+    int rings = 0;
+    for (const RecognisedView& view : recognised(family)) {
       std::vector<cv::Point2f> points = view.found;
-      const MarkerCentreReport report = measure_marker_centres(view.image, set.grid, points);
+      const MarkerCentreReport report = measure_marker_centres(view.image, view.grid, points);
       ASSERT_TRUE(report.ok) << report.message;
       EXPECT_TRUE(report.dark_markers);
       EXPECT_EQ(report.unmeasured, 0);
-      int found = 0;
+      const std::size_t measured = after.size();
       for (std::size_t k = 0; k < points.size(); ++k) {
         if (view.found[k].x == FLT_MAX) {
           EXPECT_EQ(points[k].x, FLT_MAX);
           continue;
         }
-        ++found;
-        before.add(view.found[k], view.truth[k]);
-        after.add(points[k], view.truth[k]);
-        if (view.ring[k]) rings.add(points[k], view.truth[k]);
+        before.push_back(cv::norm(cv::Point2d(view.found[k]) - view.truth[k]));
+        after.push_back(cv::norm(cv::Point2d(points[k]) - view.truth[k]));
+        rings += view.ring[k];
       }
-      EXPECT_EQ(report.remeasured, found);
+      EXPECT_EQ(std::size_t(report.remeasured), after.size() - measured);
     }
-    SCOPED_TRACE(family_name(family));
-    EXPECT_GT(rings.n, 0);
-    EXPECT_LT(after.rms(), before.rms() / 4);
-    EXPECT_LT(after.rms(), 0.03);
-    EXPECT_LT(after.max, 0.1);
-    EXPECT_LT(rings.max, 0.1);
+    EXPECT_GT(rings, 0);
+    EXPECT_LT(rms(after), rms(before) / 4);
+    EXPECT_LT(rms(after), 0.03);
+    EXPECT_LT(*std::max_element(after.begin(), after.end()), 0.1);
   }
 }
 
 // Light markers on a dark board are read alike; what cannot be measured is
 // kept or dropped as asked; unusable arguments change nothing.
 TEST(MarkerCentres, PolarityUnmeasuredMarkersAndBadArguments) {
-  const RecognisedFamily& set = recognised(BoardFamily::kPellux);
-  const RecognisedView& view = set.views.front();
+  const RecognisedView& view = recognised(BoardFamily::kPellux).front();
   std::vector<cv::Point2f> dark = view.found, light = view.found;
-  ASSERT_TRUE(measure_marker_centres(view.image, set.grid, dark).ok);
+  ASSERT_TRUE(measure_marker_centres(view.image, view.grid, dark).ok);
   const cv::Mat inverted = 255 - view.image;
-  const MarkerCentreReport light_report = measure_marker_centres(inverted, set.grid, light);
+  const MarkerCentreReport light_report = measure_marker_centres(inverted, view.grid, light);
   EXPECT_FALSE(light_report.dark_markers);
   for (std::size_t k = 0; k < dark.size(); ++k) {
     EXPECT_NEAR(light[k].x, dark[k].x, 1e-3);
@@ -434,15 +356,15 @@ TEST(MarkerCentres, PolarityUnmeasuredMarkersAndBadArguments) {
 
   // A marker without found neighbours cannot be measured.
   std::vector<cv::Point2f> alone(view.found.size(), cv::Point2f(FLT_MAX, FLT_MAX));
-  const int k = set.grid.height + 1;
+  const int k = view.grid.height + 1;
   ASSERT_NE(view.found[k].x, FLT_MAX);
   alone[k] = view.found[k];
-  MarkerCentreReport report = measure_marker_centres(view.image, set.grid, alone);
+  MarkerCentreReport report = measure_marker_centres(view.image, view.grid, alone);
   EXPECT_EQ(report.unmeasured, 1);
   EXPECT_EQ(alone[k], view.found[k]);
   MarkerCentreOptions drop;
   drop.keep_unmeasured = false;
-  report = measure_marker_centres(view.image, set.grid, alone, drop);
+  report = measure_marker_centres(view.image, view.grid, alone, drop);
   EXPECT_EQ(alone[k].x, FLT_MAX);
 
   // Absurd entries are neither measured nor a danger to their neighbours'
@@ -450,15 +372,13 @@ TEST(MarkerCentres, PolarityUnmeasuredMarkersAndBadArguments) {
   std::vector<cv::Point2f> absurd = view.found;
   absurd[k] = cv::Point2f(1e30f, -1e30f);
   absurd[k + 1] = cv::Point2f(std::nanf(""), 3.0f);
-  report = measure_marker_centres(view.image, set.grid, absurd);
+  report = measure_marker_centres(view.image, view.grid, absurd);
   EXPECT_TRUE(report.ok);
   EXPECT_EQ(absurd[k], cv::Point2f(1e30f, -1e30f));
 
   std::vector<cv::Point2f> points = view.found;
-  cv::Mat colour;
-  cv::cvtColor(view.image, colour, cv::COLOR_GRAY2BGR);
-  EXPECT_FALSE(measure_marker_centres(colour, set.grid, points).ok);
-  EXPECT_FALSE(measure_marker_centres(cv::Mat(), set.grid, points).ok);
+  EXPECT_FALSE(measure_marker_centres(cv::Mat(4, 4, CV_8UC3), view.grid, points).ok);
+  EXPECT_FALSE(measure_marker_centres(cv::Mat(), view.grid, points).ok);
   EXPECT_FALSE(measure_marker_centres(view.image, cv::Size(40, 40), points).ok);
   EXPECT_FALSE(measure_marker_centres(view.image, cv::Size(0, 5), points).ok);
   EXPECT_EQ(points, view.found);
