@@ -180,78 +180,47 @@ TEST(Calibration, DirectoryLoadingFailsAndKeepsEarlierQ) {
   EXPECT_THROW(gen->set_camera_params(static_cast<const char*>(nullptr)), std::logic_error);
 }
 
-TEST(QReprojection, ProjectiveQ) {
-  const int w = 12, h = 24;
-  auto gen = make_list_generator(w, h);
-  gen->set_camera_params(kIdentity);
-  gen->add(10, 20, 5);
-  ASSERT_EQ(gen->genPC(0), 1);
-  // A rectified pair's Q (principal point (cx, cy), focal f, baseline b):
-  // X = (x - cx) b / d, Y = (y - cy) b / d, Z = f b / d, and W = d / b is 0
-  // for d = 0, so such records yield no point.
-  const double cx = 5.5, cy = 11.5, f = 100.0, b = 50.0;
-  const double q[16] = {1, 0, 0, -cx, 0, 1, 0, -cy, 0, 0, 0, f, 0, 0, 1 / b, 0};
-  gen->set_camera_params(q);
-  gen->clear();
-  // Listed out of raster order on purpose; fractional coordinates truncate.
-  const std::vector<cv::Vec3d> recs = {{7, 15, 20}, {0, 0, 0},  {2.75, 21.5, 12.5},
-                                       {1, 0, -4},  {3, 3, 0.0}, {11, 23, 1e-3}};
-  for (const cv::Vec3d& r : recs) gen->add(r[0], r[1], r[2]);
-  ASSERT_EQ(gen->genPC(0), 4);
-  const int* grid = gen->get_rangegrid();
-  int k = 0;
-  for (const cv::Vec3d& r : recs) {
-    const int pixel = int(r[1]) * w + int(r[0]);
-    if (r[2] == 0.0) {
-      EXPECT_EQ(grid[pixel], -1) << "W = 0 must leave the cell empty";
-      continue;
-    }
-    const PointCloudElement& e = gen->get_pointcloud_ptr()[k];
-    EXPECT_FLOAT_EQ(e.x, float((r[0] - cx) * b / r[2])) << k;
-    EXPECT_FLOAT_EQ(e.y, float((r[1] - cy) * b / r[2])) << k;
-    EXPECT_FLOAT_EQ(e.z, float(f * b / r[2])) << k;
-    const std::uint8_t grey = gen->texture(int(r[1]), int(r[0]));
-    EXPECT_EQ(cv::Vec3b(e.red, e.green, e.blue), cv::Vec3b(grey, grey, grey)) << k;
-    EXPECT_EQ(grid[pixel], k++);
-  }
-  // Every cell not named above is empty, including the earlier (10, 20).
-  EXPECT_EQ(std::count_if(grid, grid + w * h, [](int i) { return i >= 0; }), 4);
-  // An empty list clears the previous cloud and the whole grid.
-  gen->clear();
-  EXPECT_EQ(gen->genPC(0), 0);
-  EXPECT_EQ(gen->get_pointcloud_cnt(), 0);
-  EXPECT_EQ(std::count(grid, grid + w * h, -1), w * h);
-}
-
-TEST(QReprojection, EveryPixelFitsInListOrderOnAnyNumberOfThreads) {
-  // A full list (w*h records): every pixel but 0 and 1 in reverse raster
-  // order, then pixel 0 twice. The grid must map each pixel to its last
-  // point, whether the list is done on one thread or (the larger list)
-  // offered to several, which must then notice the order and give the
-  // sequential result.
+// A full list (w*h records, the most a generator holds): every pixel but 0
+// and 1 in reverse raster order, pixel 2 with d = 0 (W = 0: no point), then
+// pixel 0 twice at fractional coordinates, which truncate to the pixel. The
+// grid must map each pixel to its last point and leave pixels 1 and 2 empty,
+// whether the list is done on one thread or (the larger list) offered to
+// several, which must then notice the order and give the sequential result.
+// An empty list then clears cloud and grid.
+TEST(QReprojection, EveryPixelInListOrderOnAnyNumberOfThreads) {
   for (auto [w, h, threads] : {std::array{50, 43, 1}, std::array{512, 300, 2}}) {
     const int n = w * h;
     sl3d::set_num_threads(threads);
     auto gen = make_list_generator(w, h);
+    // X = (0.5 x + 1) / W, Y = (0.5 y - 1) / W, Z = 300 / W with W = 0.1 d.
     const double q[16] = {0.5, 0, 0, 1, 0, 0.5, 0, -1, 0, 0, 0, 300, 0, 0, 0.1, 0};
     gen->set_camera_params(q);
-    for (int i = n - 1; i >= 2; --i) gen->add(i % w, i / w, 1.0 + i);
-    gen->add(0, 0, 2.0);
-    gen->add(0, 0, 1.0);
+    for (int i = n - 1; i >= 2; --i) gen->add(i % w, i / w, i == 2 ? 0.0 : 1.0 + i);
+    gen->add(0.75, 0.5, 2.0);
+    gen->add(0.25, 0.75, 1.0);
+    const int* grid = gen->get_rangegrid();
     for (int mode : {0, 3}) {
-      ASSERT_EQ(gen->genPC(mode), n) << mode;
+      ASSERT_EQ(gen->genPC(mode), n - 1) << mode;
       const PointCloudElement* pts = gen->get_pointcloud_ptr();
-      const int* grid = gen->get_rangegrid();
-      ASSERT_EQ(grid[0], n - 1);
+      ASSERT_EQ(grid[0], n - 2);
+      EXPECT_FLOAT_EQ(pts[n - 2].x, 11.25f);
       ASSERT_EQ(grid[1], -1);
-      for (int i = 2; i < n; ++i) {
+      ASSERT_EQ(grid[2], -1);
+      for (int i = 3; i < n; ++i) {
         ASSERT_EQ(grid[i], n - 1 - i) << mode;
         const PointCloudElement& e = pts[grid[i]];
-        ASSERT_FLOAT_EQ(e.x, static_cast<float>((0.5 * (i % w) + 1) / (0.1 * (1.0 + i)))) << i;
-        ASSERT_FLOAT_EQ(e.z, static_cast<float>(300.0 / (0.1 * (1.0 + i)))) << i;
-        ASSERT_EQ(e.blue, static_cast<std::uint8_t>(7 * i + 3)) << i;
+        const double W = 0.1 * (1.0 + i);
+        const auto grey = static_cast<std::uint8_t>(7 * i + 3);
+        ASSERT_FLOAT_EQ(e.x, static_cast<float>((0.5 * (i % w) + 1) / W)) << i;
+        ASSERT_FLOAT_EQ(e.y, static_cast<float>((0.5 * (i / w) - 1) / W)) << i;
+        ASSERT_FLOAT_EQ(e.z, static_cast<float>(300.0 / W)) << i;
+        ASSERT_EQ(cv::Vec3b(e.red, e.green, e.blue), cv::Vec3b(grey, grey, grey)) << i;
       }
     }
+    gen->clear();
+    EXPECT_EQ(gen->genPC(0), 0);
+    EXPECT_EQ(gen->get_pointcloud_cnt(), 0);
+    EXPECT_EQ(std::count(grid, grid + n, -1), n);
     sl3d::set_num_threads(1);
   }
 }
