@@ -253,43 +253,6 @@ TEST(Calibration, BothBoardFamiliesRecoverTheTrueCameras) {
 
 // --- circle-centre refinement ---------------------------------------------------------
 
-// A pellux calibration set of the raw cameras without lens distortion,
-// recognised once: the measured marker lists, the same lists with the
-// renderer's true outline offset taken off (what a perfect prediction of
-// the bias gives), and the first calibration from the measured lists.
-struct RefinementSet {
-  std::array<SimCamera, 2> cameras;
-  RecognisedViews recognised;
-  Observations truly_corrected{2};
-  PairCalibration first;
-};
-
-const RefinementSet& refinement_set() {
-  static const RefinementSet set = [] {
-    RefinementSet s;
-    s.cameras = raw_cameras();
-    for (SimCamera& c : s.cameras) c.distortion = cv::Vec<double, 5>(0, 0, 0, 0, 0);
-    s.recognised = recognise(BoardFamily::kPellux, s.cameras, recommended_calibration_flags());
-    const RecognisedViews& r = s.recognised;
-    for (std::size_t v = 0; v < r.views.size(); ++v) {
-      for (int c = 0; c < 2; ++c) {
-        std::vector<cv::Point2f> corrected = r.found[c][v];
-        for (std::size_t k = 0; k < r.board.truth_index.size() && !corrected.empty(); ++k) {
-          cv::Point2f& p = corrected[r.board.truth_index[k]];
-          if (p.x == FLT_MAX) continue;
-          const BoardRendering& image = r.views[v].images[c];
-          const cv::Point2d bias = image.ellipse_centres[k] - image.centres[k];
-          p = cv::Point2f(float(p.x - bias.x), float(p.y - bias.y));
-        }
-        s.truly_corrected[c].push_back(corrected);
-      }
-    }
-    s.first = calibrate(*r.calib, r.found);
-    return s;
-  }();
-  return set;
-}
-
 double largest_intrinsics_gap(const std::vector<DistortCamera>& a,
                               const std::vector<DistortCamera>& b) {
   double gap = 0.0;
@@ -299,22 +262,51 @@ double largest_intrinsics_gap(const std::vector<DistortCamera>& a,
   return gap;
 }
 
-// The refinement predicts the perspective bias of every marker: it ends
-// where the same calibration from truly corrected centres ends, which
-// is the best any correction can do with these recognised centres.
+// A pellux calibration set of the raw cameras without lens distortion. The
+// refinement predicts the perspective bias of every marker, so it ends where
+// the same calibration ends from the centres with the renderer's true
+// outline offset taken off (what a perfect prediction of the bias gives):
+// the best any correction can do with these recognised centres. Unusable
+// arguments leave the cameras alone.
 TEST(CentreRefinement, RemovesThePerspectiveBiasOfTheMarkerCentres) {
-  const RefinementSet& set = refinement_set();
-  StereoCalib& calib = *set.recognised.calib;
-  ASSERT_EQ(set.first.code, 0);
-  const PairCalibration ideal = calibrate(calib, set.truly_corrected);
+  std::array<SimCamera, 2> cameras = raw_cameras();
+  for (SimCamera& c : cameras) c.distortion = cv::Vec<double, 5>(0, 0, 0, 0, 0);
+  const RecognisedViews set =
+      recognise(BoardFamily::kPellux, cameras, recommended_calibration_flags());
+  Observations truly_corrected(2);
+  for (std::size_t v = 0; v < set.views.size(); ++v) {
+    for (int c = 0; c < 2; ++c) {
+      std::vector<cv::Point2f> corrected = set.found[c][v];
+      for (std::size_t k = 0; k < set.board.truth_index.size() && !corrected.empty(); ++k) {
+        cv::Point2f& p = corrected[set.board.truth_index[k]];
+        if (p.x == FLT_MAX) continue;
+        const BoardRendering& image = set.views[v].images[c];
+        const cv::Point2d bias = image.ellipse_centres[k] - image.centres[k];
+        p = cv::Point2f(float(p.x - bias.x), float(p.y - bias.y));
+      }
+      truly_corrected[c].push_back(corrected);
+    }
+  }
+  StereoCalib& calib = *set.calib;
+  const PairCalibration first = calibrate(calib, set.found);
+  ASSERT_EQ(first.code, 0);
+  const PairCalibration ideal = calibrate(calib, truly_corrected);
   ASSERT_EQ(ideal.code, 0);
 
-  CentreRefinementOptions options;
-  options.circle_radius = set.recognised.board.layout.radius;
-  std::vector<DistortCamera> refined = set.first.cams;
-  std::vector<std::vector<double>> errors(2);
-  const CentreRefinement r =
-      refine_stereo_calibration(calib, refined, set.recognised.found, errors, options);
+  std::vector<DistortCamera> refined = first.cams;
+  std::vector<std::vector<double>> errors = first.errors;
+  CentreRefinementOptions options;  // no radius
+  CentreRefinement r = refine_stereo_calibration(calib, refined, set.found, errors, options);
+  EXPECT_EQ(r.code, 3);
+  EXPECT_FALSE(r.message.empty());
+  EXPECT_EQ(largest_intrinsics_gap(refined, first.cams), 0.0);
+  options.circle_radius = set.board.layout.radius;
+  StereoCalib unset;
+  EXPECT_EQ(refine_stereo_calibration(unset, refined, set.found, errors, options).code, 3);
+  EXPECT_EQ(refine_stereo_calibration(calib, refined, Observations(1), errors, options).code, 3);
+
+  errors.assign(2, {});
+  r = refine_stereo_calibration(calib, refined, set.found, errors, options);
   ASSERT_EQ(r.code, 0) << r.message;
   EXPECT_TRUE(r.converged);
   ASSERT_GE(r.steps.size(), 2u);
@@ -323,31 +315,12 @@ TEST(CentreRefinement, RemovesThePerspectiveBiasOfTheMarkerCentres) {
   EXPECT_GT(r.steps[0].mean_offset_px, 0.03);
   EXPECT_LT(r.steps[0].max_offset_px, 0.5);
   EXPECT_GT(r.steps[0].intrinsics_change_px, 0.05);
-  EXPECT_EQ(errors[0].size(), set.recognised.found[0].size());
+  EXPECT_EQ(errors[0].size(), set.found[0].size());
 
   const double after = largest_intrinsics_gap(refined, ideal.cams);
   EXPECT_LT(after, 0.02);
-  EXPECT_LT(after, largest_intrinsics_gap(set.first.cams, ideal.cams) / 4);
-  EXPECT_LT(std::fabs(calibration_error(refined.data(), set.cameras).baseline), 0.05);  // 0.05 %
-}
-
-TEST(CentreRefinement, UnusableArgumentsLeaveTheCamerasAlone) {
-  const RefinementSet& set = refinement_set();
-  StereoCalib& calib = *set.recognised.calib;
-  const Observations& found = set.recognised.found;
-  std::vector<DistortCamera> cams = set.first.cams;
-  std::vector<std::vector<double>> errors = set.first.errors;
-  CentreRefinementOptions options;  // no radius
-  CentreRefinement r = refine_stereo_calibration(calib, cams, found, errors, options);
-  EXPECT_EQ(r.code, 3);
-  EXPECT_FALSE(r.message.empty());
-  EXPECT_EQ(largest_intrinsics_gap(cams, set.first.cams), 0.0);
-
-  StereoCalib unset;
-  options.circle_radius = 12.0;
-  EXPECT_EQ(refine_stereo_calibration(unset, cams, found, errors, options).code, 3);
-  Observations one_camera(1);
-  EXPECT_EQ(refine_stereo_calibration(calib, cams, one_camera, errors, options).code, 3);
+  EXPECT_LT(after, largest_intrinsics_gap(first.cams, ideal.cams) / 4);
+  EXPECT_LT(std::fabs(calibration_error(refined.data(), cameras).baseline), 0.05);  // 0.05 %
 }
 
 }  // namespace

@@ -245,51 +245,40 @@ class CalibrationDirectory : public ::testing::Test {
 
 // The camera files alone load through the second route and give the model
 // the stored rectification gives: the same Q, the same rectified images.
-TEST_F(CalibrationDirectory, CameraFilesAloneGiveTheStoredModel) {
+// rectify rewrites only the generator's corner of a larger raw image (rows
+// of 70 bytes, 50 rows here): the row padding and the extra rows keep the
+// raw bytes; without a calibration directory nothing changes.
+TEST_F(CalibrationDirectory, CameraFilesAloneGiveTheStoredModelAndRectifyOnlyTheCorner) {
   ListPtr stored = make_list_generator(64, 48);
   ListPtr yaml = make_list_generator(64, 48, 1);
+  std::vector<unsigned char> raw(70 * 50);
+  for (std::size_t i = 0; i < raw.size(); ++i) raw[i] = static_cast<unsigned char>(i * 31 + 7);
+  std::vector<unsigned char> a = raw, b = raw;
+  stored->rectify(a.data(), 64, 50, 70, 0);
+  EXPECT_EQ(a, raw);
   ASSERT_TRUE(stored->set_camera_params(dir_.c_str()));
   EXPECT_EQ(printed_by([&] { EXPECT_TRUE(yaml->set_camera_params(yaml_only_.c_str())); }),
             std::string(kTrying) + ">> Success.\n");
   ASSERT_NE(yaml->get_stereo_camera(), nullptr);
   for (int k = 0; k < 16; ++k)
     EXPECT_NEAR(yaml->get_q_matrix()[k], stored->get_q_matrix()[k], 1e-9) << k;
-  std::vector<unsigned char> raw(64 * 48);
-  for (std::size_t i = 0; i < raw.size(); ++i) raw[i] = static_cast<unsigned char>(i * 31 + 7);
   for (int camera : {0, 1}) {
-    std::vector<unsigned char> a = raw, b = raw;
-    stored->rectify(a.data(), 64, 48, 64, camera);
-    yaml->rectify(b.data(), 64, 48, 64, camera);
+    a = b = raw;
+    stored->rectify(a.data(), 64, 50, 70, camera);
+    yaml->rectify(b.data(), 64, 50, 70, camera);
     EXPECT_EQ(a, b) << camera;
+    bool corner_changed = false;
+    for (int i = 0; i < 70 * 50; ++i) {
+      if (i % 70 >= 64 || i / 70 >= 48)
+        ASSERT_EQ(a[i], raw[i]) << i % 70 << "," << i / 70;
+      else
+        corner_changed |= a[i] != raw[i];
+    }
+    EXPECT_TRUE(corner_changed) << camera;
   }
   // init drops the model again.
   ASSERT_TRUE(yaml->init(64, 48));
   EXPECT_EQ(yaml->get_stereo_camera(), nullptr);
-}
-
-TEST_F(CalibrationDirectory, RectifyRewritesOnlyTheGeneratorsCorner) {
-  ListPtr gen = make_list_generator(64, 48);
-  // Without a calibration directory the image stays raw.
-  std::vector<unsigned char> raw(70 * 50);
-  for (std::size_t i = 0; i < raw.size(); ++i) raw[i] = static_cast<unsigned char>(i * 31 + 7);
-  std::vector<unsigned char> image = raw;
-  gen->rectify(image.data(), 64, 48, 70, 0);
-  EXPECT_EQ(image, raw);
-  ASSERT_TRUE(gen->set_camera_params(dir_.c_str()));
-  // A 64x50 raw image in rows of 70 bytes: the 64x48 corner is rectified,
-  // the row padding and the two extra rows keep the raw bytes.
-  gen->rectify(image.data(), 64, 50, 70, 1);
-  bool corner_changed = false;
-  for (int y = 0; y < 50; ++y) {
-    for (int x = 0; x < 70; ++x) {
-      const std::size_t i = static_cast<std::size_t>(y) * 70 + x;
-      if (x >= 64 || y >= 48)
-        ASSERT_EQ(image[i], raw[i]) << x << "," << y;
-      else
-        corner_changed |= image[i] != raw[i];
-    }
-  }
-  EXPECT_TRUE(corner_changed);
 }
 
 // Modes 1 and 2 solve the records in loops that must agree, to 1e-9
@@ -463,13 +452,22 @@ double& disparity_at(std::vector<double>& r, int x, int y) {
   return r[4 * (std::size_t(y) * kWidth + x) + 2];
 }
 
-TEST(DisparityFilter, DropsDecodeRejectsSpikesAndIslandsAndKeepsTheOrder) {
-  // The slope alone stays whole.
+TEST(DisparityFilter, DropsDecodeRejectsSpikesAndIslandsAndRefusesBadArguments) {
+  // Bad arguments remove nothing; the slope alone stays whole; records off
+  // the image or between pixels are left alone.
   std::vector<double> r = slope_records();
+  const std::vector<double> copy = r;
+  EXPECT_FALSE(filter_disparity_records(nullptr, 4, kWidth, kHeight, nullptr).ok);
+  EXPECT_FALSE(filter_disparity_records(r.data(), -1, kWidth, kHeight, nullptr).ok);
+  EXPECT_FALSE(filter_disparity_records(r.data(), 4, 0, kHeight, nullptr).ok);
+  EXPECT_TRUE(filter_disparity_records(nullptr, 0, kWidth, kHeight, nullptr).ok);
+  EXPECT_EQ(r, copy);
   DisparityFilterReport report =
       filter_disparity_records(r.data(), kWidth * kHeight, kWidth, kHeight, nullptr);
   EXPECT_TRUE(report.ok);
   EXPECT_EQ(report.kept, kWidth * kHeight);
+  std::vector<double> odd = {-3.0, 2.0, 40.0, 1.0, 2.5, 2.0, 40.0, 1.0, 99.0, 99.0, 7.0, 1.0};
+  EXPECT_EQ(filter_disparity_records(odd.data(), 3, kWidth, kHeight, nullptr).kept, 3);
 
   std::vector<std::uint8_t> status(kWidth * kHeight, 0);
   status[3 * kWidth + 4] = 201;   // decode rejected at (4, 3)
@@ -498,22 +496,6 @@ TEST(DisparityFilter, DropsDecodeRejectsSpikesAndIslandsAndKeepsTheOrder) {
   }
   // The slope loses only the rejects, the spike and the island's rim.
   EXPECT_GE(report.kept, kWidth * kHeight - 1 - 1 - 4 - 12 - 4);
-}
-
-TEST(DisparityFilter, BadArgumentsRemoveNothing) {
-  std::vector<double> r = slope_records();
-  const std::vector<double> copy = r;
-  EXPECT_FALSE(filter_disparity_records(nullptr, 4, kWidth, kHeight, nullptr).ok);
-  EXPECT_FALSE(filter_disparity_records(r.data(), -1, kWidth, kHeight, nullptr).ok);
-  EXPECT_FALSE(filter_disparity_records(r.data(), 4, 0, kHeight, nullptr).ok);
-  EXPECT_EQ(r, copy);
-  // Records off the image or between pixels are left alone.
-  std::vector<double> odd = {-3.0, 2.0, 40.0, 1.0, 2.5, 2.0, 40.0, 1.0, 99.0, 99.0, 7.0, 1.0};
-  const DisparityFilterReport report =
-      filter_disparity_records(odd.data(), 3, kWidth, kHeight, nullptr);
-  EXPECT_TRUE(report.ok);
-  EXPECT_EQ(report.kept, 3);
-  EXPECT_TRUE(filter_disparity_records(nullptr, 0, kWidth, kHeight, nullptr).ok);
 }
 
 }  // namespace

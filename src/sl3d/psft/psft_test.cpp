@@ -128,11 +128,10 @@ UnwrapRow unwrap_row(const std::vector<int>& code, const std::vector<double>& wr
     f.set_period(x, 0, code[x]);
     // Fringes that produce the wanted wrapped phase with a strong, clean
     // modulation (so no edge is marked inconsistent).
-    const double psi = wrapped[x];
-    f.at(9, x, 0) = static_cast<unsigned char>(std::lround(128 - 100 * std::cos(psi)));
-    f.at(10, x, 0) = static_cast<unsigned char>(std::lround(128 - 100 * std::sin(psi)));
-    f.at(11, x, 0) = static_cast<unsigned char>(std::lround(128 + 100 * std::cos(psi)));
-    f.at(12, x, 0) = static_cast<unsigned char>(std::lround(128 + 100 * std::sin(psi)));
+    for (int k = 0; k < 4; ++k) {
+      const double level = 128 - 100 * std::cos(wrapped[x] - k * kTwoPi / 4);
+      f.at(9 + k, x, 0) = static_cast<unsigned char>(std::lround(level));
+    }
   }
   PhaseShift& gen = f.hand_in();
   gen.mk_code7(0);
