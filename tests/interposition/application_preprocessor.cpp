@@ -4,8 +4,6 @@
 
 #include <opencv2/core.hpp>
 
-#include "application_classes.h"
-
 class PreProcessor {
  public:
   cv::Mat binarize(cv::Mat& src);

@@ -5,7 +5,6 @@
 
 #include <dlfcn.h>
 
-#include <cfloat>
 #include <string>
 #include <vector>
 
@@ -16,7 +15,9 @@
 #include <sl3d/sim/board_families.h>
 #include <sl3d/sim/board_renderer.h>
 
-#include "application_classes.h"
+// Non-zero pixels of the application's own PreProcessor::binarize(image)
+// (application_preprocessor.cpp).
+int application_binarize_nonzero(cv::Mat& image);
 
 namespace {
 
@@ -33,7 +34,8 @@ TEST(Interposition, ProgramExportsItsOwnDefinitions) {
   EXPECT_EQ(application_binarize_nonzero(grey), 0);
   // Both names resolve to this program, not to libsl3d.so: a library that
   // looked them up dynamically would be handed the program's versions.
-  for (const char* symbol : {kApplicationBinarize, kApplicationAcceptImageSize}) {
+  for (const char* symbol : {"_ZN12PreProcessor8binarizeERN2cv3MatE",
+                             "_ZN20CalibBoardRecognizer17accept_image_sizeERKN2cv3MatE"}) {
     const std::string object = defining_object(symbol);
     EXPECT_NE(object, "") << symbol;
     EXPECT_EQ(object.find("libsl3d"), std::string::npos) << symbol << " from " << object;
@@ -58,16 +60,10 @@ TEST(Interposition, RecognitionUsesTheLibrarysOwnCode) {
   ASSERT_TRUE(recognizer->set_parameters(pre, marker, params));
   cv::Mat image = rendering.image.clone();
   std::vector<cv::Point2f> points;
+  // The program's binarize would find no circles; its accept_image_size
+  // would refuse every image.
   const int code = recognizer->recognize(image, points);
   EXPECT_EQ(code, 0) << recognizer->get_error_name(code);
-  int numbered = 0;
-  for (std::size_t c = 0; c < board.truth_index.size() && code == 0; ++c) {
-    const cv::Point2f found = points[board.truth_index[c]];
-    if (found.x == FLT_MAX) continue;
-    ++numbered;
-    EXPECT_LT(cv::norm(cv::Point2d(found) - rendering.ellipse_centres[c]), 0.5) << "circle " << c;
-  }
-  EXPECT_EQ(numbered, 35);
   recognizer->destroy();
 }
 

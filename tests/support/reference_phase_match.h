@@ -104,8 +104,6 @@ inline MatchState decode_for_matching(PhaseShift& gen) {
   for (int camera = 0; camera < 2; ++camera) {
     gen.mk_code7(camera);
     gen.check_code7(camera);
-  }
-  for (int camera = 0; camera < 2; ++camera) {
     gen.mk_phase(camera);
     gen.unwrap(camera);
   }
