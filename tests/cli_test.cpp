@@ -2,7 +2,9 @@
 // to the true depth, the same on one thread as on two, and every kind of bad
 // input must end in one error line naming the culprit, a non-zero exit and
 // no output file. Each check of the tool has one representative case here;
-// the YAML reader's own cases are in its unit test and in bad_inputs_test.
+// the YAML reader's own cases are in its unit test and in bad_inputs_test,
+// and raw captures measured through a calibration against the truth are
+// the demo's (cli_demo_test), which scans the same way.
 
 #include <algorithm>
 #include <cmath>
@@ -165,56 +167,6 @@ TEST_F(CliTest, ScansSynthesizedCapturesToTheTrueDepth) {
     const double typical = method == "phaseshift" ? 0.1 : 0.3;
     EXPECT_LT(percentile(errors, 0.5), typical);
     EXPECT_LT(percentile(errors, 0.9), 2 * typical);
-  }
-}
-
-// Raw captures of the virtual sensor's real cameras, measured through the
-// calibration directory synth writes: every point must lie on a true
-// surface of the scene. Every mode is checked against the truth by the
-// library's end-to-end test; here the tool's route to two of them.
-TEST_F(CliTest, ScansRawCapturesThroughTheCalibrationOntoTheTrueSurfaces) {
-  sl3d::SimRig rig = sl3d::SimRig::scaled(kWidth, kHeight);  // as synth scales it
-  const sl3d::VirtualSensor sensor(rig);
-  const std::array<sl3d::SimCamera, 2> cameras = sl3d::default_raw_cameras(rig);
-  const fs::path calib = raw_dir() / "calib";
-  // Points are in the left rectified frame; camera 0 sits at the world's
-  // origin, so a rotation takes them to the world.
-  cv::Matx33d world_from_rect;
-  cv::Vec3d offset;
-  ASSERT_TRUE(sl3d::world_from_rect(calib.string(), cameras, world_from_rect, offset));
-  struct Case {
-    const char* method;
-    const char* mode;
-    double median_mm, p90_mm;
-  };
-  for (const Case& c : {Case{"phaseshift", "2", 1.5, 4.0}, Case{"sgbm", "0", 6.0, 20.0}}) {
-    SCOPED_TRACE(std::string(c.method) + " mode " + c.mode);
-    const bool sgbm = std::string(c.method) == "sgbm";
-    const fs::path out = empty_dir("raw_scan");
-    auto scan = [&](const char* threads) {
-      std::vector<std::string> args = {"scan", "--method", c.method, "--images",
-                                       raw_dir().string(), "--calib", calib.string(), "--mode",
-                                       c.mode, "--threads", threads, "-o",
-                                       (out / (threads + std::string(".ply"))).string()};
-      return run(sgbm ? cat(args, {"--params", sgbm_params()}) : args);
-    };
-    const RunResult r = scan("2");
-    ASSERT_EQ(r.exit_code, 0) << r.err;
-    EXPECT_EQ(r.err, "");
-    if (!sgbm) {
-      ASSERT_EQ(scan("1").exit_code, 0);
-      EXPECT_TRUE(slurp(out / "1.ply") == slurp(out / "2.ply"));
-    }
-    const Ply ply = read_ply(out / "2.ply");
-    ASSERT_EQ(ply.cols * ply.rows, kWidth * kHeight);
-    std::vector<double> distances;
-    for (const cv::Vec3f& p : ply.xyz) {
-      distances.push_back(sensor.distance_to_scene(world_from_rect * cv::Vec3d(p) + offset));
-    }
-    EXPECT_GT(distances.size(), kWidth * kHeight / (sgbm ? 10u : 2u));
-    ASSERT_FALSE(distances.empty());
-    EXPECT_LT(percentile(distances, 0.5), c.median_mm);
-    EXPECT_LT(percentile(distances, 0.9), c.p90_mm);
   }
 }
 
