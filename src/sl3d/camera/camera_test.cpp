@@ -274,7 +274,7 @@ TEST(UndistortCamera, InitMapMakesFloatMapsAndCopiesOwnThem) {
 // values linear). Pixels mapped from outside the source keep what the
 // destination held: `fill` only when remap allocates the destination.
 TEST(UndistortCamera, RemapInterpolatesBySelectorAndFillsOnlyAFreshDestination) {
-  cv::Mat src(24, 24, CV_32FC1);
+  cv::Mat src(16, 16, CV_32FC1);  // a fresh destination takes the source's size
   cv::randu(src, 0, 255);
   UndistortCamera cam(cv::Size(16, 16), "c");
   cam.fill = cv::Scalar(-1);
@@ -282,8 +282,8 @@ TEST(UndistortCamera, RemapInterpolatesBySelectorAndFillsOnlyAFreshDestination) 
   cam.map2.create(16, 16, CV_32FC1);
   for (int y = 0; y < 16; ++y)
     for (int x = 0; x < 16; ++x) {
-      cam.map1.at<float>(y, x) = x == 15 ? -50.0f : 4.3f + x * 0.9f;  // the last column: outside
-      cam.map2.at<float>(y, x) = 3.6f + y * 1.1f;
+      cam.map1.at<float>(y, x) = x == 15 ? -50.0f : 1.3f + x * 0.8f;  // the last column: outside
+      cam.map2.at<float>(y, x) = 0.6f + y * 0.9f;
     }
   const auto by_opencv = [&](int code, double initial) {
     cv::Mat out(16, 16, CV_32FC1, cv::Scalar(initial));
@@ -387,7 +387,8 @@ TEST_F(Camera, SharedStorageAndMapFileRoundTrip) {
   std::string error;
   ASSERT_TRUE(sl3d::open_yaml_storage("pair.yaml", in, &error)) << error;
   EXPECT_TRUE(in["CameraName"].empty());
-  for (const char* key : {"cam1_size", "cam1_K", "cam1_R", "cam1_T", "cam1_P", "cam1_D", "cam0_roi"})
+  for (const char* key :
+       {"cam1_size", "cam1_K", "cam1_R", "cam1_T", "cam1_P", "cam1_D", "cam0_size", "cam0_roi"})
     EXPECT_FALSE(in[key].empty()) << key;
   DistortCamera lens_back(cv::Size(), "cam1");
   UndistortCamera ideal_back(cv::Size(), "cam0");
@@ -474,13 +475,14 @@ TEST(MapRecord, RecordsFollowEachOtherAlignedToTheFilePosition) {
   const std::string s = ss.str();
   ASSERT_EQ(s.size(), 136u);
   for (const auto& r : records) {
-    const size_t n = r.map.total() * r.map.elemSize();
+    const size_t n = r.map.total() * r.map.elemSize(), data_end = r.data + n;
     EXPECT_EQ(int_at(s, r.header), r.map.type());
     EXPECT_EQ(int_at(s, r.header + 4), r.map.cols);  // cols before rows
     EXPECT_EQ(int_at(s, r.header + 8), r.map.rows);
-    EXPECT_EQ(s.substr(r.header + 12, r.data - r.header - 12), std::string(r.data - r.header - 12, 0));
+    const size_t header_end = r.header + 12;
+    EXPECT_EQ(s.substr(header_end, r.data - header_end), std::string(r.data - header_end, 0));
     EXPECT_EQ(s.substr(r.data, n), bytes_of(r.map));
-    EXPECT_EQ(s.substr(r.data + n, r.end - r.data - n), std::string(r.end - r.data - n, 0));
+    EXPECT_EQ(s.substr(data_end, r.end - data_end), std::string(r.end - data_end, 0));
   }
   ss.seekg(3);
   for (const auto& r : records) {
