@@ -148,33 +148,20 @@ TEST(BoardRenderer, TiltedBoardEllipseCentresLieBeyondTheProjectedCentres) {
   }
 }
 
-// Without distortion and at the world origin, a real camera sees what the
-// pinhole renderer draws; with distortion its centres are the lens's
-// projections of the true circle centres.
-TEST(BoardRenderer, RealCameraMatchesThePinholeAndProjectsThroughItsLens) {
+// A moved, distorting camera reports as circle centres the lens's
+// projections of the true circle centres, and draws the circles there.
+TEST(BoardRenderer, RealCameraProjectsThroughItsLens) {
   BoardLayout layout;
   layout.rings = {{2, 1, 3.0}};
   const sl3d::BoardPose pose = sl3d::board_pose_facing(layout, 400.0, 20.0, -15.0, 30.0);
-  const sl3d::BoardCamera pinhole{400, 300, 500.0, 500.0, 199.5, 149.5};  // small: quick maps
   sl3d::SimCamera camera;
-  camera.size = cv::Size(pinhole.width, pinhole.height);
-  camera.K = cv::Matx33d(pinhole.fx, 0, pinhole.cx, 0, pinhole.fy, pinhole.cy, 0, 0, 1);
-  sl3d::BoardImaging imaging;
-  imaging.supersampling = 2;
-  const sl3d::BoardRendering expected = sl3d::render_board(layout, pose, pinhole, imaging);
-  const sl3d::BoardRendering ideal = sl3d::DistortedBoardCamera(camera, 2).render(layout, pose);
-  EXPECT_LE(cv::norm(expected.image, ideal.image, cv::NORM_INF), 1.0);
-  for (size_t k = 0; k < expected.centres.size(); ++k) {
-    EXPECT_LT(cv::norm(expected.centres[k] - ideal.centres[k]), 1e-6);
-    EXPECT_LT(cv::norm(expected.ellipse_centres[k] - ideal.ellipse_centres[k]), 1e-6);
-  }
-
-  // The same board placed in the world, seen by a moved, distorting camera.
-  camera.distortion = {-0.15, 0.08, 0.001, -0.0005, 0.0};
-  cv::Matx33d r;
-  cv::Rodrigues(cv::Vec3d(0.02, -0.05, 0.01), r);
-  camera.cam_from_world_R = r;
+  camera.size = cv::Size(400, 300);  // small: quick maps
+  camera.K = cv::Matx33d(500.0, 0, 199.5, 0, 500.0, 149.5, 0, 0, 1);
+  cv::Rodrigues(cv::Vec3d(0.02, -0.05, 0.01), camera.cam_from_world_R);
   camera.cam_from_world_t = cv::Vec3d(-10.0, 5.0, 3.0);
+  sl3d::SimCamera lens_free = camera;
+  camera.distortion = {-0.15, 0.08, 0.001, -0.0005, 0.0};
+  const sl3d::BoardImaging imaging;
   const sl3d::BoardRendering bent = sl3d::DistortedBoardCamera(camera, 2).render(layout, pose);
   cv::Matx33d world_from_board;
   cv::Rodrigues(pose.rvec, world_from_board);
@@ -185,12 +172,12 @@ TEST(BoardRenderer, RealCameraMatchesThePinholeAndProjectsThroughItsLens) {
           world_from_board * cv::Vec3d(i * layout.spacing, j * layout.spacing, 0) + pose.tvec;
       const size_t k = size_t(j * layout.circles_x + i);
       EXPECT_LT(cv::norm(bent.centres[k] - camera.project(world)), 1e-6);
-      largest_bend = std::max(largest_bend, cv::norm(bent.centres[k] - ideal.centres[k]));
+      largest_bend = std::max(largest_bend, cv::norm(bent.centres[k] - lens_free.project(world)));
       // The drawn circle is where its centre says: dark at the centre.
       if (k != 1 * 7 + 2) EXPECT_EQ(at(bent.image, bent.centres[k]), imaging.dark) << k;
     }
   }
-  EXPECT_GT(largest_bend, 3.0);  // the lens and the pose do move the circles
+  EXPECT_GT(largest_bend, 1.0);  // the lens does move the circles (by up to 1.2 px)
 }
 
 // Darkness-weighted centroid of the pixels within `radius` of `near`.
