@@ -33,18 +33,13 @@ TEST(ImageCodecs, ResolvesEveryFunctionOrNamesWhatIsMissing) {
             std::string::npos);
 }
 
-TEST(ImageCodecs, BehaveAsOpenCvFunctions) {
-  const cv::Mat image(7, 5, CV_16UC1, cv::Scalar(1234));
-  std::vector<uchar> bytes;
-  ASSERT_TRUE(sl3d::detail::encode_image(".png", image, bytes));
-  EXPECT_EQ(bytes, [&] { std::vector<uchar> b; cv::imencode(".png", image, b); return b; }());
-  const cv::Mat decoded = sl3d::detail::decode_image(bytes, cv::IMREAD_UNCHANGED);
-  ASSERT_EQ(decoded.type(), CV_16UC1);
-  EXPECT_EQ(cv::countNonZero(decoded != image), 0);
-
+// Encoding and decoding run in every tool test that reads captures or
+// writes PNG images; writing files is left to check here.
+TEST(ImageCodecs, WriteFilesAsOpenCvDoes) {
+  const cv::Mat image(3, 4, CV_8UC1, cv::Scalar(9));
   const std::string path = testing::TempDir() + "image_codecs_test.pgm";
-  ASSERT_TRUE(sl3d::detail::write_image(path, cv::Mat(3, 4, CV_8UC1, cv::Scalar(9))));
-  EXPECT_EQ(cv::imread(path, cv::IMREAD_UNCHANGED).size(), cv::Size(4, 3));
+  ASSERT_TRUE(sl3d::detail::write_image(path, image));
+  EXPECT_EQ(cv::countNonZero(cv::imread(path, cv::IMREAD_UNCHANGED) != image), 0);
   std::remove(path.c_str());
   // OpenCV's own errors pass through.
   EXPECT_THROW(sl3d::detail::write_image(path + ".no-such-format", image), cv::Exception);

@@ -1,17 +1,17 @@
 // The virtual sensor and the board renderer are the ground truth of every
 // other test, so their own truth is checked against first principles: the
 // Q matrix and the depth map agree with the rig's geometry, the rendered
-// fringes decode to the projector's true period and phase, raw images carry
-// OpenCV's lens model; boards show their circles, polarity and ring holes
-// where the projection puts them, with the perspective offset of the image
-// ellipse's centre.
+// fringes decode to the projector's true period and phase, raw cameras
+// invert OpenCV's lens model; boards show their circles, polarity and ring
+// holes where the projection puts them. (The perspective offset of the
+// image ellipses' centres is checked where the calibration's centre
+// refinement must end on it.)
 
 #include <algorithm>
 #include <cmath>
 
 #include <gtest/gtest.h>
 #include <opencv2/calib3d.hpp>
-#include <opencv2/imgproc.hpp>
 
 #include <sl3d/patterns/calibration_board.h>
 #include <sl3d/psft/psft.h>
@@ -37,10 +37,7 @@ TEST(VirtualSensor, QMatrixReprojectsTheTrueDisparityToTheTruePoint) {
       const double z = truth.depth.at<double>(v, u);
       ASSERT_TRUE(std::isfinite(z));
       const double d = rig.focal_px * rig.baseline_mm / z;
-      const double in[4] = {double(u), double(v), d, 1.0};
-      double out[4] = {0, 0, 0, 0};
-      for (int r = 0; r < 4; ++r)
-        for (int c = 0; c < 4; ++c) out[r] += truth.q[r * 4 + c] * in[c];
+      const cv::Vec4d out = cv::Matx44d(truth.q.data()) * cv::Vec4d(u, v, d, 1.0);
       const cv::Vec3d expected = point_of_pixel(rig, u, v, z);
       for (int k = 0; k < 3; ++k) EXPECT_NEAR(out[k] / out[3], expected[k], 1e-6 * z);
     }
@@ -77,36 +74,12 @@ TEST(VirtualSensor, FringesDecodeToTheProjectorsPeriodAndPhase) {
   EXPECT_GT(right_phase, accepted * 99 / 100);
 }
 
-// A raw image, undistorted with OpenCV's own maps, must look like the same
-// camera without lens distortion: this pins down the direction of the
-// renderer's lens model independently of its implementation.
-TEST(VirtualSensor, RawImagesCarryOpenCvsLensDistortion) {
+// Raw images are rendered along the rays the camera's lens inversion gives;
+// it agrees with OpenCV's to far below a pixel, out to the image corners
+// (measured 1.4e-12 px), which pins down the direction of the lens model.
+TEST(VirtualSensor, RawCamerasInvertOpenCvsLensModel) {
   const SimRig rig = small_rig();
-  const VirtualSensor sensor(rig);
   const SimCamera distorted = default_raw_cameras(rig)[1];
-  SimCamera ideal = distorted;
-  ideal.distortion = cv::Vec<double, 5>(0, 0, 0, 0, 0);
-  SimLight light;
-  light.noise_sigma = 0.0;
-  const cv::Mat raw = sensor.render_textured(distorted, light);
-  cv::Mat expected = sensor.render_textured(ideal, light);
-  cv::Mat map1, map2, undistorted;
-  cv::initUndistortRectifyMap(cv::Mat(distorted.K), cv::Mat(distorted.distortion), cv::noArray(),
-                              cv::Mat(distorted.K), raw.size(), CV_32FC1, map1, map2);
-  cv::remap(raw, undistorted, map1, map2, cv::INTER_LINEAR);
-  // The texture is about a pixel fine; compare what survives resampling.
-  cv::Mat raw_blurred = raw.clone();
-  for (cv::Mat* image : {&undistorted, &expected, &raw_blurred})
-    cv::GaussianBlur(*image, *image, cv::Size(0, 0), 2.0);
-  const cv::Rect inner(40, 40, rig.width - 80, rig.height - 80);
-  const double corrected = cv::norm(undistorted(inner), expected(inner), cv::NORM_L1) / inner.area();
-  const double uncorrected =
-      cv::norm(raw_blurred(inner), expected(inner), cv::NORM_L1) / inner.area();
-  EXPECT_LT(corrected, 1.5);
-  EXPECT_GT(uncorrected, 2.0 * corrected);
-
-  // The renderer's own lens inversion agrees with OpenCV's to far below a
-  // pixel, out to the image corners (measured 1.4e-12 px).
   std::vector<cv::Point2d> pixels, rays;
   for (int v = -1; v <= rig.height; v += 7)
     for (int u = -1; u <= rig.width; u += 7) pixels.emplace_back(u, v);
@@ -160,49 +133,20 @@ TEST(BoardRenderer, FrontalBoardCentresAndShades) {
   EXPECT_EQ(at(light.image, light.centres[0] + cv::Point2d(20.0, 0.0)), shades.dark);
 }
 
-TEST(BoardRenderer, TiltedBoardEllipseCentresLieBeyondTheProjectedCentres) {
-  BoardLayout layout;
-  layout.radius = 8.0;
-  const sl3d::BoardRendering r =
-      sl3d::render_board(layout, sl3d::board_pose_facing(layout, 400.0, 50.0));
-  // Tilted about x, the board's far half (+y) is farther away. The image
-  // ellipse of a circle is larger on its near side, so its centre lies
-  // towards the near side of the projected circle centre.
-  const cv::Point2d near_side = r.centres[0] - r.centres[7];  // towards -y
-  for (size_t k = 0; k < r.centres.size(); ++k) {
-    const cv::Point2d offset = r.ellipse_centres[k] - r.centres[k];
-    EXPECT_GT(offset.dot(near_side), 0.0) << k;
-    EXPECT_LT(cv::norm(offset), 1.0);
-  }
-}
-
-// Without distortion and at the world origin, a real camera sees what the
-// pinhole renderer draws; with distortion its centres are the lens's
-// projections of the true circle centres.
-TEST(BoardRenderer, RealCameraMatchesThePinholeAndProjectsThroughItsLens) {
+// A moved, distorting camera reports as circle centres the lens's
+// projections of the true circle centres, and draws the circles there.
+TEST(BoardRenderer, RealCameraProjectsThroughItsLens) {
   BoardLayout layout;
   layout.rings = {{2, 1, 3.0}};
   const sl3d::BoardPose pose = sl3d::board_pose_facing(layout, 400.0, 20.0, -15.0, 30.0);
-  const sl3d::BoardCamera pinhole{400, 300, 500.0, 500.0, 199.5, 149.5};  // small: quick maps
   sl3d::SimCamera camera;
-  camera.size = cv::Size(pinhole.width, pinhole.height);
-  camera.K = cv::Matx33d(pinhole.fx, 0, pinhole.cx, 0, pinhole.fy, pinhole.cy, 0, 0, 1);
-  sl3d::BoardImaging imaging;
-  imaging.supersampling = 2;
-  const sl3d::BoardRendering expected = sl3d::render_board(layout, pose, pinhole, imaging);
-  const sl3d::BoardRendering ideal = sl3d::DistortedBoardCamera(camera, 2).render(layout, pose);
-  EXPECT_LE(cv::norm(expected.image, ideal.image, cv::NORM_INF), 1.0);
-  for (size_t k = 0; k < expected.centres.size(); ++k) {
-    EXPECT_LT(cv::norm(expected.centres[k] - ideal.centres[k]), 1e-6);
-    EXPECT_LT(cv::norm(expected.ellipse_centres[k] - ideal.ellipse_centres[k]), 1e-6);
-  }
-
-  // The same board placed in the world, seen by a moved, distorting camera.
-  camera.distortion = {-0.15, 0.08, 0.001, -0.0005, 0.0};
-  cv::Matx33d r;
-  cv::Rodrigues(cv::Vec3d(0.02, -0.05, 0.01), r);
-  camera.cam_from_world_R = r;
+  camera.size = cv::Size(400, 300);  // small: quick maps
+  camera.K = cv::Matx33d(500.0, 0, 199.5, 0, 500.0, 149.5, 0, 0, 1);
+  cv::Rodrigues(cv::Vec3d(0.02, -0.05, 0.01), camera.cam_from_world_R);
   camera.cam_from_world_t = cv::Vec3d(-10.0, 5.0, 3.0);
+  sl3d::SimCamera lens_free = camera;
+  camera.distortion = {-0.15, 0.08, 0.001, -0.0005, 0.0};
+  const sl3d::BoardImaging imaging;
   const sl3d::BoardRendering bent = sl3d::DistortedBoardCamera(camera, 2).render(layout, pose);
   cv::Matx33d world_from_board;
   cv::Rodrigues(pose.rvec, world_from_board);
@@ -213,12 +157,12 @@ TEST(BoardRenderer, RealCameraMatchesThePinholeAndProjectsThroughItsLens) {
           world_from_board * cv::Vec3d(i * layout.spacing, j * layout.spacing, 0) + pose.tvec;
       const size_t k = size_t(j * layout.circles_x + i);
       EXPECT_LT(cv::norm(bent.centres[k] - camera.project(world)), 1e-6);
-      largest_bend = std::max(largest_bend, cv::norm(bent.centres[k] - ideal.centres[k]));
+      largest_bend = std::max(largest_bend, cv::norm(bent.centres[k] - lens_free.project(world)));
       // The drawn circle is where its centre says: dark at the centre.
       if (k != 1 * 7 + 2) EXPECT_EQ(at(bent.image, bent.centres[k]), imaging.dark) << k;
     }
   }
-  EXPECT_GT(largest_bend, 3.0);  // the lens and the pose do move the circles
+  EXPECT_GT(largest_bend, 1.0);  // the lens does move the circles (by up to 1.2 px)
 }
 
 // Darkness-weighted centroid of the pixels within `radius` of `near`.
