@@ -71,25 +71,6 @@ def test_parameters_the_recognizer_cannot_use(pellux_views, params, error):
     assert recognizer.params == before
 
 
-def test_calibration_of_rendered_views_finds_the_true_cameras(calibration_set, tmp_path):
-    calib = sl3d.StereoCalib("pellux", **calibration_set.params)
-    left = [calib.recognize(image).points for image in calibration_set.left]
-    right = [calib.recognize(image).points for image in calibration_set.right]
-    result = calib.exec(left, right)
-    assert result.rms < 0.3
-    assert [len(e) for e in result.errors] == [12, 12]
-    error = sim.calibration_error(result.cameras, *SIZE)
-    for camera in error["cameras"]:
-        assert max(abs(camera[k]) for k in ("fx", "fy", "cx", "cy")) < 1.5
-    assert abs(error["baseline"]) < 0.1 and error["rotation_deg"] < 0.2
-
-    sl3d.store_calibration_directory(result.cameras, tmp_path)
-    gen = sl3d.Generator("phaseshift")
-    gen.init(*SIZE)
-    gen.set_camera_params(tmp_path)
-    assert gen.stereo_camera.size == SIZE
-
-
 def test_calibration_failures_raise(calibration_set):
     points = np.full((88, 2), np.nan)
     calib = sl3d.StereoCalib("pellux", **calibration_set.params, image_size=SIZE)
@@ -115,27 +96,39 @@ def test_threads_share_a_recognizer_one_call_at_a_time(pellux_views):
         assert np.array_equal(result.points, results[index % 2].points)
 
 
-def test_precise_calibration_and_the_disparity_filter(calibration_set, loaded):
+def worst_intrinsics_error(result):
+    """The largest focal length or principal point error (px), and all errors."""
+    error = sim.calibration_error(result.cameras, *SIZE)
+    return max(abs(c[k]) for c in error["cameras"] for k in ("fx", "fy", "cx", "cy")), error
+
+
+def test_calibration_plain_and_precise_and_the_disparity_filter(calibration_set, loaded, tmp_path):
     flags = sl3d.recommended_calibration_flags()
     calib = sl3d.StereoCalib("pellux", **calibration_set.params, flags=flags)
     left = [calib.recognize(image).points for image in calibration_set.left]
     right = [calib.recognize(image).points for image in calibration_set.right]
+    result = calib.exec(left, right)
+    assert result.rms < 0.3 and [len(e) for e in result.errors] == [12, 12]
+    worst, error = worst_intrinsics_error(result)
+    assert worst < 1.5 and abs(error["baseline"]) < 0.1 and error["rotation_deg"] < 0.2
+    sl3d.store_calibration_directory(result.cameras, tmp_path)
+    gen = sl3d.Generator("phaseshift")
+    gen.init(*SIZE)
+    gen.set_camera_params(tmp_path)
+    assert gen.stereo_camera.size == SIZE
+
     board = calibration_set.params["board"]
     grid = (board["n_circles_x"], board["n_circles_y"])
     measured, report = sl3d.measure_marker_centres(calibration_set.left[0], left[0], grid)
     assert measured.shape == left[0].shape and report["remeasured"] >= 80
     assert report["mean_residual_px"] < 0.1 and 0 < report["mean_shift_px"] < 0.5
 
-    def worst(result):
-        error = sim.calibration_error(result.cameras, *SIZE)
-        return max(abs(c[k]) for c in error["cameras"] for k in ("fx", "fy", "cx", "cy"))
-
     precise = calib.exec_precisely(left, right, calibration_set.left, calibration_set.right,
                                    calibration_set.circle_radius)
     steps = precise.report["steps"]
     assert precise.report["converged"] and len(steps) >= 2
     assert steps[-1]["intrinsics_change_px"] < steps[0]["intrinsics_change_px"]
-    assert worst(precise) < 0.3
+    assert worst_intrinsics_error(precise)[0] < 0.3
     with pytest.raises(ValueError, match="circle_radius"):
         calib.exec_precisely(left, right, calibration_set.left, calibration_set.right)
 
