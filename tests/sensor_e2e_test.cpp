@@ -138,7 +138,7 @@ PairCalibration calibrate(StereoCalib& calib, Observations points) {
 struct RecognisedViews {
   SynthBoard board;
   std::vector<StereoBoardView> views;
-  std::shared_ptr<StereoCalib> calib;  // sized by the recognitions
+  std::unique_ptr<StereoCalib> calib;  // sized by the recognitions
   Observations found{2};
 };
 
@@ -153,7 +153,7 @@ RecognisedViews recognise(BoardFamily family, const std::array<SimCamera, 2>& ca
       cameras, r.board.layout,
       calibration_poses(cameras, r.board.layout, calibration_views(family), kNearMm, kFarMm),
       imaging);
-  r.calib = std::make_shared<StereoCalib>(board_type(family));
+  r.calib = std::make_unique<StereoCalib>(board_type(family));
   CameraCalibParams cp;
   cp.flags = flags;
   SynthBoard records = r.board;

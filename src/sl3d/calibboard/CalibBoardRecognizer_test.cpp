@@ -109,8 +109,16 @@ TEST(PreProcessor, StepsRunInFixedOrderOnACopy) {
   const cv::Mat original = img.clone();
   PreProcessor pre = configured({true, true, true, 0, 140, 0, 2.2});
   const std::vector<int> table = pre.gamma_table;
-  auto median = [](const cv::Mat& m) { cv::Mat o; cv::medianBlur(m, o, 3); return o; };
-  auto equalize = [](const cv::Mat& m) { cv::Mat o; cv::equalizeHist(m, o); return o; };
+  auto median = [](const cv::Mat& m) {
+    cv::Mat o;
+    cv::medianBlur(m, o, 3);
+    return o;
+  };
+  auto equalize = [](const cv::Mat& m) {
+    cv::Mat o;
+    cv::equalizeHist(m, o);
+    return o;
+  };
   auto invert = [](const cv::Mat& m) { return cv::Mat(255 - m); };
 
   const cv::Mat result = pre.preprocess(img);
